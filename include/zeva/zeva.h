@@ -1,0 +1,10 @@
+// ZEVALib: records raw or encoded pictures and sound into movie files and live
+// streams. Hosts include this one header.
+#ifndef ZEVA_ZEVA_H
+#define ZEVA_ZEVA_H
+
+#include "zeva/export.h"
+#include "zeva/log.h"
+#include "zeva/movie_info.h"
+
+#endif  // ZEVA_ZEVA_H

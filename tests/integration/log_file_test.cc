@@ -1,0 +1,126 @@
+// The exported log controls against real files and the process's standard
+// streams.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "log/logger.h"
+#include "zeva/log.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string ReadFile(const fs::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+// Points file descriptor `fd` at a temporary file while alive.
+class Redirect {
+ public:
+  Redirect(FILE* stream, const fs::path& to) : stream_(stream), fd_(fileno(stream)) {
+    std::fflush(stream_);
+    saved_ = dup(fd_);
+    const int f = open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(f, fd_);
+    close(f);
+  }
+  ~Redirect() {
+    std::fflush(stream_);
+    dup2(saved_, fd_);
+    close(saved_);
+  }
+
+ private:
+  FILE* stream_;
+  int fd_;
+  int saved_;
+};
+
+class LogControls : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() / ("zeva-log-" + std::to_string(getpid()));
+    fs::create_directories(dir_);
+  }
+  void TearDown() override {
+    ZEVA_Log_On2(nullptr, 2);
+    fs::remove_all(dir_);
+  }
+  fs::path dir_;
+};
+
+TEST_F(LogControls, LogOnTrimsThePathAndAppends) {
+  const fs::path file = dir_ / "rec.log";
+  std::ofstream(file) << "earlier\n";
+  const std::string decorated = "  \"" + file.string() + "\"\r\n";
+  ZEVA_Log_On(decorated.c_str(), 5);
+  ZEVA_LOG(5, "into the file %d", 1);
+  ZEVA_LOG(6, "above the threshold");
+  const std::string text = ReadFile(file);
+  EXPECT_EQ(text.rfind("earlier\n", 0), 0u);
+  EXPECT_NE(text.find("[D][bg] log_file_test.cc "), std::string::npos);
+  EXPECT_NE(text.find(": into the file 1\n"), std::string::npos);
+  EXPECT_EQ(text.find("above the threshold"), std::string::npos);
+}
+
+TEST_F(LogControls, UnopenablePathAndNullFallBackToStandardError) {
+  const fs::path captured = dir_ / "stderr.txt";
+  {
+    Redirect r(stderr, captured);
+    ZEVA_Log_On((dir_ / "missing-dir" / "x.log").c_str(), 3);
+    ZEVA_LOG(3, "fallback");
+    ZEVA_Log_On(nullptr, 3);
+    ZEVA_LOG(3, "null path");
+    ZEVA_LOG(4, "filtered");
+  }
+  const std::string text = ReadFile(captured);
+  EXPECT_NE(text.find("[W][bg] log_file_test.cc"), std::string::npos);
+  EXPECT_NE(text.find(": fallback\n"), std::string::npos);
+  EXPECT_NE(text.find(": null path\n"), std::string::npos);
+  EXPECT_EQ(text.find("filtered"), std::string::npos);
+  EXPECT_FALSE(fs::exists(dir_ / "missing-dir"));
+}
+
+TEST_F(LogControls, LogOffMovesLinesToStandardOutputAndKeepsTheFileOpen) {
+  const fs::path file = dir_ / "kept.log";
+  ZEVA_Log_On(file.c_str(), 2);
+  FILE* opened = qel::Logger::instance(nullptr)->sink();
+  const fs::path captured = dir_ / "stdout.txt";
+  {
+    Redirect r(stdout, captured);
+    ZEVA_Log_Off();
+    ZEVA_LOG(2, "to stdout");
+  }
+  EXPECT_NE(ReadFile(captured).find(": to stdout\n"), std::string::npos);
+  EXPECT_EQ(ReadFile(file), "");
+  // The earlier sink is still a valid, open stream.
+  EXPECT_GE(std::fprintf(opened, "still open\n"), 0);
+  EXPECT_EQ(std::fflush(opened), 0);
+  EXPECT_EQ(ReadFile(file), "still open\n");
+}
+
+TEST_F(LogControls, CallbackReceivesEverythingUntilCleared) {
+  std::string got;
+  ZEVA_Log_Level(-1);
+  ZEVA_Set_Log_Callback([&](const char* tag, int level, const char* file, int, const char* msg) {
+    got += std::string(tag) + "|" + std::to_string(level) + "|" + msg + "|" +
+           (std::string(file).find('/') != std::string::npos ? "full" : "base");
+  });
+  ZEVA_LOG(5, "seen %s", "anyway");
+  ZEVA_Set_Log_Callback(nullptr);
+  ZEVA_LOG(5, "not seen");
+  EXPECT_EQ(got, "bg|5|seen anyway|full");
+}
+
+}  // namespace

@@ -1,0 +1,111 @@
+#include "settings/preset_options.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/mem.h>
+#include <libavutil/opt.h>
+}
+
+#include "log/logger.h"
+#include "platform/av_ptr.h"
+#include "zeva/movie_info.h"
+
+namespace {
+
+zeva::CodecContextPtr NewEncoderContext(const char* name) {
+  const AVCodec* codec = avcodec_find_encoder_by_name(name);
+  if (codec == nullptr) return nullptr;
+  return zeva::CodecContextPtr(avcodec_alloc_context3(codec));
+}
+
+std::string GetOption(AVCodecContext* ctx, const char* key) {
+  uint8_t* value = nullptr;
+  if (av_opt_get(ctx->priv_data, key, 0, &value) < 0) return "<none>";
+  std::string s = value ? reinterpret_cast<char*>(value) : "<null>";
+  av_free(value);
+  return s;
+}
+
+// Routes the process log into a vector for the test's lifetime.
+class CapturedLog {
+ public:
+  CapturedLog() : previous_(qel::Logger::instance(nullptr)) {
+    mine_.set_callback([this](const char*, int level, const char*, int, const char* msg) {
+      lines_.push_back(std::to_string(level) + ":" + msg);
+    });
+    qel::Logger::instance(&mine_);
+  }
+  ~CapturedLog() { qel::Logger::instance(previous_); }
+  const std::vector<std::string>& lines() const { return lines_; }
+
+ private:
+  qel::Logger* previous_;
+  qel::Logger mine_;
+  std::vector<std::string> lines_;
+};
+
+TEST(ApplyPresetOptions, EveryNameReachesLibx264) {
+  for (int p = QL_ULTRAFAST; p < QL_NONE; ++p) {
+    auto ctx = NewEncoderContext("libx264");
+    ASSERT_TRUE(ctx);
+    const int profile = p % PL_NONE, tune = p % TL_NONE;
+    zeva::apply_preset_options(ctx.get(), p, profile, tune);
+    EXPECT_EQ(GetOption(ctx.get(), "preset"), preset_to_str(static_cast<Quality_Level>(p)));
+    EXPECT_EQ(GetOption(ctx.get(), "profile"), profile_to_str(static_cast<Profile_Level>(profile)));
+    EXPECT_EQ(GetOption(ctx.get(), "tune"), tune_to_str(static_cast<Tune_Level>(tune)));
+  }
+  // The remaining profiles and tunes, through the last named row.
+  auto ctx = NewEncoderContext("libx264");
+  zeva::apply_preset_options(ctx.get(), QL_NONE, PL_HIGH444, TL_ZEROLATENCY);
+  EXPECT_EQ(GetOption(ctx.get(), "preset"), "");
+  EXPECT_EQ(GetOption(ctx.get(), "profile"), "high444");
+  EXPECT_EQ(GetOption(ctx.get(), "tune"), "zerolatency");
+}
+
+TEST(ApplyPresetOptions, AppliedEncoderOpens) {
+  auto ctx = NewEncoderContext("libx264");
+  ASSERT_TRUE(ctx);
+  ctx->width = 320;
+  ctx->height = 240;
+  ctx->pix_fmt = AV_PIX_FMT_YUV420P;
+  ctx->time_base = {1, 30};
+  ctx->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  zeva::apply_preset_options(ctx.get(), QL_MEDIUM, PL_BASELINE, TL_ZEROLATENCY);
+  ASSERT_EQ(avcodec_open2(ctx.get(), nullptr, nullptr), 0);
+  // "medium" alone would choose High; the SPS in the global header
+  // (00 00 00 01 67 profile_idc) shows the profile cap took effect.
+  ASSERT_GT(ctx->extradata_size, 5);
+  EXPECT_EQ(ctx->extradata[5], 66);  // Baseline
+}
+
+TEST(ApplyPresetOptions, OutOfRangeValueIsLoggedAndLeftUnchanged) {
+  CapturedLog log;
+  auto ctx = NewEncoderContext("libx264");
+  ASSERT_TRUE(ctx);
+  const std::string preset_before = GetOption(ctx.get(), "preset");
+  const std::string tune_before = GetOption(ctx.get(), "tune");
+  zeva::apply_preset_options(ctx.get(), QL_NONE + 1, PL_MAIN, -1);
+  EXPECT_EQ(GetOption(ctx.get(), "preset"), preset_before);
+  EXPECT_EQ(GetOption(ctx.get(), "profile"), "main");  // the valid one still applies
+  EXPECT_EQ(GetOption(ctx.get(), "tune"), tune_before);
+  ASSERT_EQ(log.lines().size(), 2u);
+  EXPECT_EQ(log.lines()[0], "2:--- invalid preset value 11, left unchanged");
+  EXPECT_EQ(log.lines()[1], "2:--- invalid tune value -1, left unchanged");
+}
+
+TEST(ApplyPresetOptions, EncoderWithoutSuchOptionsIsUntouched) {
+  CapturedLog log;
+  auto ctx = NewEncoderContext("aac");
+  ASSERT_TRUE(ctx);
+  zeva::apply_preset_options(ctx.get(), QL_MEDIUM, PL_HIGH, TL_FILM);
+  EXPECT_EQ(GetOption(ctx.get(), "preset"), "<none>");
+  zeva::apply_preset_options(nullptr, QL_MEDIUM, PL_HIGH, TL_FILM);
+  EXPECT_TRUE(log.lines().empty());
+}
+
+}  // namespace
