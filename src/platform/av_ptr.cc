@@ -18,6 +18,9 @@ void FrameFree::operator()(AVFrame* f) const noexcept { av_frame_free(&f); }
 void CodecContextFree::operator()(AVCodecContext* c) const noexcept {
   avcodec_free_context(&c);
 }
+void CodecParametersFree::operator()(AVCodecParameters* p) const noexcept {
+  avcodec_parameters_free(&p);
+}
 void OutputFormatFree::operator()(AVFormatContext* f) const noexcept {
   if (f == nullptr) return;
   if (f->oformat != nullptr && !(f->oformat->flags & AVFMT_NOFILE)) avio_closep(&f->pb);

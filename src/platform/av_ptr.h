@@ -9,6 +9,7 @@
 struct AVAudioFifo;
 struct AVBSFContext;
 struct AVCodecContext;
+struct AVCodecParameters;
 struct AVDictionary;
 struct AVFormatContext;
 struct AVFrame;
@@ -21,6 +22,7 @@ namespace zeva {
 struct PacketFree { void operator()(AVPacket* p) const noexcept; };
 struct FrameFree { void operator()(AVFrame* f) const noexcept; };
 struct CodecContextFree { void operator()(AVCodecContext* c) const noexcept; };
+struct CodecParametersFree { void operator()(AVCodecParameters* p) const noexcept; };
 // For output contexts: closes `pb` first unless the format does its own I/O
 // (AVFMT_NOFILE, as RTSP). Writes no trailer; the stop steps do that.
 struct OutputFormatFree { void operator()(AVFormatContext* f) const noexcept; };
@@ -35,6 +37,7 @@ struct DictionaryFree { void operator()(AVDictionary* d) const noexcept; };
 using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
 using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
 using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextFree>;
+using CodecParametersPtr = std::unique_ptr<AVCodecParameters, CodecParametersFree>;
 using OutputFormatPtr = std::unique_ptr<AVFormatContext, OutputFormatFree>;
 using InputFormatPtr = std::unique_ptr<AVFormatContext, InputFormatFree>;
 using SwsPtr = std::unique_ptr<SwsContext, SwsFree>;

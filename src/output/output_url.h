@@ -1,0 +1,45 @@
+// Output URLs: their kinds, and the output context of a further output that
+// receives the same streams as the main one.
+#ifndef ZEVA_OUTPUT_OUTPUT_URL_H
+#define ZEVA_OUTPUT_OUTPUT_URL_H
+
+#include <string>
+
+#include "platform/av_ptr.h"
+
+struct AVDictionary;
+struct AVFormatContext;
+
+namespace zeva {
+
+enum class UrlKind : int { kNone = -1, kMp4 = 0, kM3u8 = 1, kRtmp = 2, kRtsp = 3, kOther = 100 };
+
+// Case-insensitive, tested in this order: ends in ".mp4", ends in ".m3u8",
+// begins with "rtmp://", begins with "rtsp://"; null gives kNone.
+UrlKind ClassifyUrl(const char* url);
+
+bool EndsWithNoCase(const char* s, const char* suffix);
+
+// The result of opening an output: value 1 (or 0 for a clone) on success, an
+// error code on failure, with its message.
+struct WriterResult {
+  int64_t value = 0;
+  std::string message;
+  bool failed = false;
+};
+
+// Builds an output context for `url` with one stream per stream of `main`
+// (codec parameters and time base copied, codec tag cleared) and opens its
+// I/O unless the format does its own. URLs of the same kind as the main one
+// reuse its container format; otherwise "rtmp://" is FLV and anything else is
+// guessed from the URL. On success `*out` owns the new context.
+WriterResult CloneOutputContext(const AVFormatContext* main, const char* url, OutputFormatPtr* out);
+
+// Sets every "key:value" item of the ";"-separated `text` in `*dict` (items
+// without ":" or with an empty key are skipped), echoing them on standard
+// error as the muxer set-up is traced there.
+void ParseMetaInfo(const char* text, AVDictionary** dict);
+
+}  // namespace zeva
+
+#endif  // ZEVA_OUTPUT_OUTPUT_URL_H

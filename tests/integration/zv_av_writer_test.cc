@@ -1,0 +1,255 @@
+// The writer chain of a classic recording, fed with real encoded packets and
+// checked with ffprobe.
+#include "output/zv_av_writer.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "log/logger.h"
+#include "support/encoded_media.h"
+#include "support/index_check.h"
+#include "support/probe.h"
+#include "support/rtmp_server.h"
+
+namespace fs = std::filesystem;
+using zeva::test::EncodedMedia;
+using zeva::test::Probe;
+using zeva::test::ProbeResult;
+
+namespace {
+
+const EncodedMedia& Media() {
+  static const EncodedMedia media = zeva::test::EncodeTestMedia({.seconds = 3.0});
+  return media;
+}
+
+// What the movie muxer does for the main output: a context with the streams
+// and its file open, owned by the caller.
+zeva::OutputFormatPtr MainContext(const std::string& url, const EncodedMedia& media) {
+  AVFormatContext* oc = nullptr;
+  if (avformat_alloc_output_context2(&oc, nullptr, nullptr, url.c_str()) < 0) return nullptr;
+  zeva::OutputFormatPtr owned(oc);
+  if (!zeva::test::AddStreams(oc, media)) return nullptr;
+  if (avio_open(&oc->pb, url.c_str(), AVIO_FLAG_WRITE) < 0) return nullptr;
+  return owned;
+}
+
+struct ErrorLog {
+  std::mutex mu;
+  std::vector<int> codes;
+  static void Callback(int code, const char*, void* user) {
+    auto* self = static_cast<ErrorLog*>(user);
+    std::lock_guard<std::mutex> lock(self->mu);
+    self->codes.push_back(code);
+  }
+};
+
+// Records `media` through a chain: main `url`, further `others`, index `moov`.
+// Returns the open result; the chain is stopped and destroyed on return.
+zeva::WriterResult Record(const std::string& url, std::vector<const char*> others,
+                          const std::string& moov, const char* meta, const EncodedMedia& media,
+                          ErrorLog* errors = nullptr, int* dropped_or_failed = nullptr) {
+  zeva::OutputFormatPtr oc = MainContext(url, media);
+  EXPECT_TRUE(oc) << url;
+  if (!oc) return {-1, "no context", true};
+  ZV::ZV_AVWriter writer(60, 1000, url.c_str());
+  if (errors) writer.set_error_callback(&ErrorLog::Callback, errors);
+  others.push_back(nullptr);
+  writer.create_other_writers(others.data());
+  zeva::WriterResult opened = writer.open(oc.get(), meta, moov.c_str());
+  if (opened.failed) return opened;
+  EXPECT_TRUE(writer.start());
+  int bad = 0;
+  for (size_t i = 0; i < media.packets.size(); ++i) {
+    zeva::PacketPtr pkt = zeva::test::ClonePacket(media, i);
+    if (writer.write_packet(media.streams[pkt->stream_index].time_base, pkt.get(), 1) != 0) ++bad;
+  }
+  writer.stop();
+  EXPECT_TRUE(writer.trailer_written());
+  if (dropped_or_failed) *dropped_or_failed = bad;
+  return opened;
+}
+
+// Both streams present, every packet there, decode times growing per stream.
+void ExpectComplete(const ProbeResult& r, const EncodedMedia& media, const std::string& what) {
+  ASSERT_TRUE(r.ok) << what << ": " << r.errors;
+  ASSERT_EQ(r.streams.size(), 2u) << what;
+  EXPECT_EQ(r.streams[0].codec_name, "h264") << what;
+  EXPECT_EQ(r.streams[1].codec_name, "aac") << what;
+  EXPECT_EQ(r.packets.size(), media.packets.size()) << what;
+  for (int s = 0; s < 2; ++s) {
+    int64_t last = INT64_MIN;
+    for (const auto& p : zeva::test::PacketsOf(r, s)) {
+      EXPECT_GT(p.dts, last) << what << " stream " << s;
+      last = p.dts;
+    }
+  }
+  EXPECT_NEAR(r.duration, 3.0, 0.1) << what;
+}
+
+class WriterChain : public ::testing::Test {
+ protected:
+  void SetUp() override { dir_ = zeva::test::MakeTempDir("writer"); }
+  void TearDown() override { fs::remove_all(dir_); }
+  std::string Path(const char* name) const { return dir_ + "/" + name; }
+  std::string dir_;
+};
+
+TEST_F(WriterChain, MainAndFurtherOutputsGetEveryPacketAndTheIndexMatches) {
+  const std::string mp4 = Path("main.mp4"), flv = Path("copy.flv"), ts = Path("copy.ts"),
+                    moov = Path("main.moov");
+  int bad = -1;
+  auto r = Record(mp4, {flv.c_str(), ts.c_str()}, moov, "title:Chain test;comment:a:b", Media(),
+                  nullptr, &bad);
+  ASSERT_FALSE(r.failed) << r.message;
+  EXPECT_EQ(bad, 0);
+  const ProbeResult main = Probe(mp4);
+  ExpectComplete(main, Media(), "mp4");
+  EXPECT_EQ(main.tags.at("title"), "Chain test");
+  EXPECT_EQ(main.tags.at("comment"), "a:b");
+  ExpectComplete(Probe(flv), Media(), "flv");
+  const ProbeResult mpegts = Probe(ts);
+  ExpectComplete(mpegts, Media(), "ts");
+  EXPECT_EQ(mpegts.format_name, "mpegts");
+  // Only ".mp4" outputs carry an index.
+  zeva::test::ExpectIndexMatchesProbe(mp4, moov);
+}
+
+TEST_F(WriterChain, FurtherQueuesGrowAlongTheChain) {
+  const char* urls[] = {"a.flv", "b.flv", nullptr};
+  ZV::ZV_AVWriter writer(60, 1000, "main.mp4");
+  writer.create_other_writers(urls);
+  ASSERT_NE(writer.next(), nullptr);
+  EXPECT_EQ(writer.next()->max_packets() + writer.next()->interleave_room(), 66u + 1003u);
+  EXPECT_EQ(writer.next()->max_packets(), 66u);
+  ASSERT_NE(writer.next()->next(), nullptr);
+  EXPECT_EQ(writer.next()->next()->max_packets(), 72u);
+  EXPECT_EQ(writer.next()->next()->max_packets() + writer.next()->next()->interleave_room(), 1078u);
+  EXPECT_EQ(writer.next()->next()->next(), nullptr);
+  // Never opened or started: stopping queues nothing and joins nothing.
+  writer.stop();
+  writer.stop();
+  EXPECT_FALSE(writer.trailer_written());
+}
+
+TEST_F(WriterChain, RtmpBehindMp4IsWrittenAsFlv) {
+  zeva::test::RtmpServer server(dir_);
+  ASSERT_TRUE(server.ok()) << "nginx with the RTMP module did not start";
+  const std::string url = server.Url("chain");
+  auto r = Record(Path("main.mp4"), {url.c_str()}, "", nullptr, Media());
+  ASSERT_FALSE(r.failed) << r.message;
+  server.Stop();
+  const ProbeResult live = Probe(server.RecordPath("chain"));
+  ASSERT_TRUE(live.ok) << live.errors;
+  EXPECT_EQ(live.format_name, "flv");
+  ASSERT_EQ(live.streams.size(), 2u);
+  EXPECT_EQ(live.streams[0].codec_name, "h264");
+  EXPECT_EQ(live.streams[1].codec_name, "aac");
+  EXPECT_NEAR(live.duration, 3.0, 0.2);
+}
+
+TEST_F(WriterChain, FailingFurtherOutputIsReportedAndMainStaysComplete) {
+  // /dev/full accepts the open and fails every write with ENOSPC; the link
+  // gives the muxer a name to pick MPEG-TS by.
+  ErrorLog errors;
+  const std::string mp4 = Path("main.mp4"), moov = Path("main.moov"), full = Path("full.ts");
+  fs::create_symlink("/dev/full", full);
+  auto r = Record(mp4, {full.c_str()}, moov, nullptr, Media(), &errors);
+  if (r.failed) {
+    // The muxer may already fail writing the header into the full device.
+    EXPECT_LT(r.value, 0);
+    GTEST_SKIP() << "header write failed at open: " << r.message;
+  }
+  {
+    std::lock_guard<std::mutex> lock(errors.mu);
+    ASSERT_FALSE(errors.codes.empty());
+    EXPECT_EQ(errors.codes[0], AVERROR(ENOSPC));
+  }
+  ExpectComplete(Probe(mp4), Media(), "main");
+  zeva::test::ExpectIndexMatchesProbe(mp4, moov);
+}
+
+TEST_F(WriterChain, FurtherOutputThatCannotOpenFailsTheOpening) {
+  const std::string bad = Path("missing-dir/copy.flv");
+  auto r = Record(Path("main.mp4"), {bad.c_str()}, "", nullptr, Media());
+  EXPECT_TRUE(r.failed);
+  EXPECT_EQ(r.value, -6);
+  EXPECT_EQ(r.message.rfind("io open failed: ", 0), 0u) << r.message;
+  EXPECT_NE(r.message.find(bad), std::string::npos);
+}
+
+TEST_F(WriterChain, IndexInAMissingDirectoryLeavesTheRecordingRunning) {
+  const std::string mp4 = Path("main.mp4");
+  auto r = Record(mp4, {}, Path("missing-dir/main.moov"), nullptr, Media());
+  ASSERT_FALSE(r.failed) << r.message;
+  ExpectComplete(Probe(mp4), Media(), "mp4 without index");
+  EXPECT_FALSE(fs::exists(Path("missing-dir")));
+}
+
+TEST_F(WriterChain, IndexOnlyForMp4Outputs) {
+  const std::string moov = Path("x.moov");
+  auto r = Record(Path("main.flv"), {}, moov, nullptr, Media());
+  ASSERT_FALSE(r.failed) << r.message;
+  EXPECT_FALSE(fs::exists(moov));
+}
+
+TEST_F(WriterChain, PacketsWhoseTimeDoesNotGrowAreDropped) {
+  const std::string flv = Path("drop.flv");
+  zeva::OutputFormatPtr oc = MainContext(flv, Media());
+  ASSERT_TRUE(oc);
+  ZV::ZV_AVWriter writer(60, 1000, flv.c_str());
+  ASSERT_FALSE(writer.open(oc.get(), nullptr, nullptr).failed);
+  ASSERT_TRUE(writer.start());
+  size_t written = 0;
+  for (size_t i = 0; i < Media().packets.size(); ++i) {
+    zeva::PacketPtr pkt = zeva::test::ClonePacket(Media(), i);
+    const AVRational tb = Media().streams[pkt->stream_index].time_base;
+    zeva::PacketPtr again(av_packet_clone(pkt.get()));
+    EXPECT_EQ(writer.write_packet(tb, pkt.get(), 1), 0);
+    ++written;
+    if (i == 10) {
+      EXPECT_EQ(writer.write_packet(tb, again.get(), 1), 0);  // same time: dropped
+    }
+  }
+  // A stream index past the streams of the output is refused.
+  zeva::PacketPtr stray = zeva::test::ClonePacket(Media(), 0);
+  stray->stream_index = 5;
+  EXPECT_EQ(writer.write_packet({1, 30}, stray.get(), 1), -1);
+  writer.stop();
+  EXPECT_EQ(Probe(flv).packets.size(), written);
+}
+
+TEST_F(WriterChain, BadArguments) {
+  ZV::ZV_AVWriter writer(60, 1000, nullptr);
+  EXPECT_EQ(writer.write_packet({1, 30}, nullptr, 1), 0);
+  zeva::PacketPtr pkt = zeva::test::ClonePacket(Media(), 0);
+  EXPECT_EQ(writer.write_packet({1, 30}, pkt.get(), 1), -1);  // no context
+  EXPECT_EQ(writer.write_trailer(), -1);
+  auto r = writer.open(nullptr, nullptr, nullptr);
+  EXPECT_TRUE(r.failed);
+  writer.stop();
+  EXPECT_FALSE(writer.start());
+  EXPECT_EQ(writer.open(nullptr, nullptr, nullptr).value, -20);
+}
+
+TEST_F(WriterChain, TwoRecordingsAtOnceWriteIndependentIndexes) {
+  std::vector<std::thread> threads;
+  for (const char* name : {"one", "two"}) {
+    threads.emplace_back([this, name] {
+      Record(Path(name) + ".mp4", {}, Path(name) + ".moov", nullptr, Media());
+    });
+  }
+  for (auto& t : threads) t.join();
+  for (const char* name : {"one", "two"}) {
+    ExpectComplete(Probe(Path(name) + ".mp4"), Media(), name);
+    zeva::test::ExpectIndexMatchesProbe(Path(name) + ".mp4", Path(name) + ".moov");
+  }
+}
+
+}  // namespace
