@@ -3,13 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,8 +17,8 @@ extern "C" {
 #include <libavutil/buffer.h>
 }
 
-#include "log/logger.h"
 #include "platform/av_ptr.h"
+#include "support/log_capture.h"
 
 namespace {
 
@@ -75,43 +73,16 @@ class Worker {
   std::thread thread_;
 };
 
-// Installs a logger that records every message, so tests can count log
-// lines and wait for one (a putter logs "write full" just before it waits).
+// A putter logs "write full" just before it waits, so tests wait for that line.
 class PacketQueueTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    previous_ = qel::Logger::instance(nullptr);
-    logger_.set_callback([this](const char*, int level, const char*, int, const char* msg) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      lines_.push_back(std::to_string(level) + ":" + msg);
-      logged_.notify_all();
-    });
-    qel::Logger::instance(&logger_);
-  }
-  void TearDown() override { qel::Logger::instance(previous_); }
-
-  int Count(const std::string& msg) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    int n = 0;
-    for (const std::string& line : lines_) n += line == "5:" + msg;
-    return n;
-  }
+  int Count(const std::string& msg) { return log_.Count("5:" + msg); }
   bool WaitForLine(const std::string& msg) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return logged_.wait_for(lock, kDeadline, [&] {
-      for (const std::string& line : lines_) {
-        if (line == "5:" + msg) return true;
-      }
-      return false;
-    });
+    return log_.WaitFor("5:" + msg, std::chrono::duration_cast<std::chrono::milliseconds>(kDeadline));
   }
 
  private:
-  qel::Logger* previous_ = nullptr;
-  qel::Logger logger_;
-  std::mutex mutex_;
-  std::condition_variable logged_;
-  std::vector<std::string> lines_;
+  zeva::test::LogCapture log_;
 };
 
 TEST_F(PacketQueueTest, KeepsOrderAndSharesBuffersAndCountsBytes) {

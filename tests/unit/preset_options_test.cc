@@ -11,7 +11,7 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include "log/logger.h"
+#include "support/log_capture.h"
 #include "platform/av_ptr.h"
 #include "zeva/movie_info.h"
 
@@ -30,24 +30,6 @@ std::string GetOption(AVCodecContext* ctx, const char* key) {
   av_free(value);
   return s;
 }
-
-// Routes the process log into a vector for the test's lifetime.
-class CapturedLog {
- public:
-  CapturedLog() : previous_(qel::Logger::instance(nullptr)) {
-    mine_.set_callback([this](const char*, int level, const char*, int, const char* msg) {
-      lines_.push_back(std::to_string(level) + ":" + msg);
-    });
-    qel::Logger::instance(&mine_);
-  }
-  ~CapturedLog() { qel::Logger::instance(previous_); }
-  const std::vector<std::string>& lines() const { return lines_; }
-
- private:
-  qel::Logger* previous_;
-  qel::Logger mine_;
-  std::vector<std::string> lines_;
-};
 
 TEST(ApplyPresetOptions, EveryNameReachesLibx264) {
   for (int p = QL_ULTRAFAST; p < QL_NONE; ++p) {
@@ -84,7 +66,7 @@ TEST(ApplyPresetOptions, AppliedEncoderOpens) {
 }
 
 TEST(ApplyPresetOptions, OutOfRangeValueIsLoggedAndLeftUnchanged) {
-  CapturedLog log;
+  zeva::test::LogCapture log;
   auto ctx = NewEncoderContext("libx264");
   ASSERT_TRUE(ctx);
   const std::string preset_before = GetOption(ctx.get(), "preset");
@@ -93,19 +75,20 @@ TEST(ApplyPresetOptions, OutOfRangeValueIsLoggedAndLeftUnchanged) {
   EXPECT_EQ(GetOption(ctx.get(), "preset"), preset_before);
   EXPECT_EQ(GetOption(ctx.get(), "profile"), "main");  // the valid one still applies
   EXPECT_EQ(GetOption(ctx.get(), "tune"), tune_before);
-  ASSERT_EQ(log.lines().size(), 2u);
-  EXPECT_EQ(log.lines()[0], "2:--- invalid preset value 11, left unchanged");
-  EXPECT_EQ(log.lines()[1], "2:--- invalid tune value -1, left unchanged");
+  const std::vector<std::string> lines = log.Take();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0], "2:--- invalid preset value 11, left unchanged");
+  EXPECT_EQ(lines[1], "2:--- invalid tune value -1, left unchanged");
 }
 
 TEST(ApplyPresetOptions, EncoderWithoutSuchOptionsIsUntouched) {
-  CapturedLog log;
+  zeva::test::LogCapture log;
   auto ctx = NewEncoderContext("aac");
   ASSERT_TRUE(ctx);
   zeva::apply_preset_options(ctx.get(), QL_MEDIUM, PL_HIGH, TL_FILM);
   EXPECT_EQ(GetOption(ctx.get(), "preset"), "<none>");
   zeva::apply_preset_options(nullptr, QL_MEDIUM, PL_HIGH, TL_FILM);
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_TRUE(log.Take().empty());
 }
 
 }  // namespace
