@@ -4,6 +4,7 @@
 #define ZEVA_ZEVA_H
 
 #include "zeva/export.h"
+#include "zeva/filter_base.h"
 #include "zeva/log.h"
 #include "zeva/movie_info.h"
 

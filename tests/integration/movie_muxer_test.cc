@@ -1,0 +1,334 @@
+// The movie muxer end to end: generated frames in, files out, checked with
+// ffprobe; rate control read back from the real encoder; every start failure
+// reaching the status callback.
+#include "encode/movie_muxer.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/opt.h>
+}
+
+#include "encode/hardware_encoder.h"
+#include "encode/video_enc.h"
+#include "output/zv_av_writer.h"
+#include "support/encoded_media.h"
+#include "support/index_check.h"
+#include "support/probe.h"
+
+namespace fs = std::filesystem;
+using zeva::MovieMuxer;
+
+namespace {
+
+// What the status callback received, waited on with a deadline.
+struct Status {
+  std::mutex mu;
+  std::condition_variable cv;
+  int code = -1000;
+  std::string message;
+  std::thread::id thread;
+  static void Callback(int code, const char* message, void* user) {
+    auto* s = static_cast<Status*>(user);
+    std::lock_guard<std::mutex> lock(s->mu);
+    s->code = code;
+    s->message = message;
+    s->thread = std::this_thread::get_id();
+    s->cv.notify_all();
+  }
+  bool Wait() {
+    std::unique_lock<std::mutex> lock(mu);
+    return cv.wait_for(lock, std::chrono::seconds(20), [&] { return code != -1000; });
+  }
+};
+
+MovieInfo Settings(const std::string& url) {
+  MovieInfo info{};
+  std::snprintf(info.url, sizeof info.url, "%s", url.c_str());
+  info.audio_bitrate = 128;
+  info.src_sample_rate = 48000;
+  info.sample_rate = 48000;
+  info.channels = 2;
+  info.sample_fmt = AV_SAMPLE_FMT_FLTP;
+  info.video_bitrate = 800;
+  info.width = info.src_width = 320;
+  info.height = info.src_height = 240;
+  info.fps = 25;
+  info.gop_size = 25;
+  info.src_pix_fmt = AV_PIX_FMT_BGRA;
+  info.pix_fmt = AV_PIX_FMT_YUV420P;
+  info.colorspace = 2;
+  info.preset = QL_ULTRAFAST;
+  info.profile = PL_BASELINE;
+  info.tune = TL_ZEROLATENCY;
+  return info;
+}
+
+// A 440 Hz tone in whatever sample format the encoder's own frame has.
+void FillTone(AVFrame* f, int64_t first) {
+  const auto fmt = static_cast<AVSampleFormat>(f->format);
+  const bool planar = av_sample_fmt_is_planar(fmt);
+  const int channels = f->ch_layout.nb_channels;
+  for (int i = 0; i < f->nb_samples; ++i) {
+    const double v = 0.2 * std::sin(2 * M_PI * 440.0 * double(first + i) / f->sample_rate);
+    for (int ch = 0; ch < channels; ++ch) {
+      const int plane = planar ? ch : 0, at = planar ? i : i * channels + ch;
+      switch (av_get_packed_sample_fmt(fmt)) {
+        case AV_SAMPLE_FMT_FLT: reinterpret_cast<float*>(f->data[plane])[at] = float(v); break;
+        case AV_SAMPLE_FMT_S16: reinterpret_cast<int16_t*>(f->data[plane])[at] = int16_t(v * 32767); break;
+        case AV_SAMPLE_FMT_S32: reinterpret_cast<int32_t*>(f->data[plane])[at] = int32_t(v * 2e9); break;
+        default: break;
+      }
+    }
+  }
+}
+
+// Feeds `seconds` of the generated picture (host BGRA, converted by the
+// encoder) and a tone in the encoder's own audio frame.
+void Feed(MovieMuxer& m, double seconds) {
+  const int fps = m.effective().fps;
+  const AVRational vtb{1, fps};
+  if (m.has_video()) {
+    for (int i = 0; i < int(seconds * fps); ++i) {
+      AVFrame* f = m.video_enc()->generate_test_frame(&m.video_stream(), vtb);
+      ASSERT_NE(f, nullptr);
+      ASSERT_GE(m.write_video_frame(f, &vtb), 0);
+    }
+  }
+  if (m.has_audio()) {
+    AVFrame* f = m.audio_stream().frame.get();
+    const AVRational atb{1, f->sample_rate};
+    for (int64_t s = 0; s < int64_t(seconds * f->sample_rate); s += f->nb_samples) {
+      ASSERT_GE(av_frame_make_writable(f), 0);
+      FillTone(f, s);
+      f->pts = s;
+      ASSERT_GE(m.write_audio_frame(f, &atb), 0);
+    }
+  }
+}
+
+class MovieMuxerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { dir_ = zeva::test::MakeTempDir("muxer"); }
+  void TearDown() override { fs::remove_all(dir_); }
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+
+  // Starts a muxer with the classic writer chain; returns the status code.
+  int Start(MovieMuxer& m, const MovieInfo& info, Status* status, bool async = false) {
+    m.start(info, &Status::Callback, status, async);
+    if (!status->Wait()) return -999;
+    return status->code;
+  }
+  std::string dir_;
+};
+
+struct ContainerCase {
+  const char* ext;
+  const char* video;
+  const char* audio;
+  int sample_rate;  // what the encoder really runs at
+};
+
+class Containers : public MovieMuxerTest, public ::testing::WithParamInterface<ContainerCase> {};
+
+TEST_P(Containers, WriteTheContainersCodecsAtTheFedDuration) {
+  const ContainerCase& c = GetParam();
+  const std::string url = Path(std::string("movie") + c.ext);
+  MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, url.c_str()));
+  Status status;
+  ASSERT_EQ(Start(m, Settings(url), &status), 0) << status.message;
+  EXPECT_EQ(status.message, "start OK");
+  EXPECT_EQ(m.effective().sample_rate, c.sample_rate);
+  Feed(m, 2.0);
+  m.stop();
+
+  const zeva::test::ProbeResult r = zeva::test::Probe(url);
+  ASSERT_TRUE(r.ok) << r.errors;
+  ASSERT_EQ(r.streams.size(), 2u);
+  // Some readers (FLV) number streams in the order their first packets come.
+  const int v = r.streams[0].codec_type == "video" ? 0 : 1, a = 1 - v;
+  EXPECT_EQ(r.streams[v].codec_name, c.video);
+  EXPECT_EQ(r.streams[v].width, 320);
+  EXPECT_EQ(r.streams[v].height, 240);
+  EXPECT_NEAR(r.streams[v].avg_frame_rate, 25.0, 0.01);
+  EXPECT_EQ(r.streams[a].codec_name, c.audio);
+  EXPECT_EQ(r.streams[a].sample_rate, c.sample_rate);
+  EXPECT_EQ(zeva::test::PacketsOf(r, v).size(), 50u);
+  EXPECT_NEAR(r.duration, 2.0, 0.1) << c.ext;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Muxer, Containers,
+    ::testing::Values(ContainerCase{".mp4", "h264", "aac", 48000},
+                      ContainerCase{".flv", "flv1", "mp3", 44100},
+                      ContainerCase{".mkv", "h264", "vorbis", 48000},
+                      ContainerCase{".ts", "mpeg2video", "mp2", 48000},
+                      ContainerCase{".mpg", "mpeg1video", "mp2", 48000},
+                      ContainerCase{".avi", "mpeg4", "mp3", 48000}),
+    [](const auto& info) { return std::string(info.param.ext + 1); });
+
+std::string Opt(AVCodecContext* c, const char* key) {
+  uint8_t* v = nullptr;
+  if (av_opt_get(c, key, AV_OPT_SEARCH_CHILDREN, &v) < 0) return "<none>";
+  std::string s(reinterpret_cast<char*>(v));
+  av_free(v);
+  return s;
+}
+
+TEST_F(MovieMuxerTest, RateControlModesReachTheEncoder) {
+  struct Row { int rc_mode, kbps, crf, qp; };
+  for (const Row row : {Row{0, 800, 23, 20}, Row{1, 800, 30, 20}, Row{1, 800, 52, 20},
+                        Row{3, 800, 23, 17}, Row{3, 800, 23, 0}, Row{2, 800, 23, 20},
+                        Row{0, 0, 23, 20}}) {
+    SCOPED_TRACE(::testing::Message() << "rc_mode " << row.rc_mode << " crf " << row.crf
+                                      << " qp " << row.qp << " kbps " << row.kbps);
+    const std::string url = Path("rc.mp4");
+    MovieInfo info = Settings(url);
+    info.rc_mode = row.rc_mode;
+    info.video_bitrate = row.kbps;
+    info.crf = row.crf;
+    info.qp = row.qp;
+    info.disable_audio = true;
+    MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, url.c_str()));
+    Status status;
+    ASSERT_EQ(Start(m, info, &status), 0) << status.message;
+    AVCodecContext* c = m.video_stream().enc.get();
+    const int64_t bps = int64_t{row.kbps} * 1000;
+    switch (row.rc_mode) {
+      case 0:
+        EXPECT_EQ(c->bit_rate, bps);  // software H.264 keeps a zero bit rate
+        break;
+      case 1:
+        EXPECT_EQ(c->rc_max_rate, bps);
+        EXPECT_EQ(c->rc_min_rate, bps);
+        EXPECT_EQ(c->rc_buffer_size, bps);
+        EXPECT_EQ(c->rc_initial_buffer_occupancy, bps * 3 / 4);
+        EXPECT_EQ(Opt(c, "crf"), row.crf == 52 ? "-1.000000" : "30.000000");
+        break;
+      case 3:
+        EXPECT_EQ(Opt(c, "qp"), row.qp == 0 ? "-1" : "17");
+        break;
+      default:
+        EXPECT_EQ(c->bit_rate, 800000);
+        EXPECT_EQ(c->rc_min_rate, 600000);
+        EXPECT_EQ(c->rc_max_rate, 810000);
+        EXPECT_TRUE(c->flags & AV_CODEC_FLAG_QSCALE);
+    }
+    m.stop();
+  }
+}
+
+TEST_F(MovieMuxerTest, UnsupportedRatesAreReplacedAndReported) {
+  // MPEG-1 video knows only the standard frame rates; a software codec other
+  // than H.264 gets a bit rate from the picture when asked for none.
+  const std::string url = Path("rates.mpg");
+  MovieInfo info = Settings(url);
+  info.fps = 26;
+  info.video_bitrate = 0;
+  info.sample_rate = 47000;
+  MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, url.c_str()));
+  Status status;
+  ASSERT_EQ(Start(m, info, &status), 0) << status.message;
+  EXPECT_EQ(m.effective().fps, 25);
+  EXPECT_EQ(m.effective().sample_rate, 44100);  // mp2's first listed rate
+  // The automatic bit rate is worked out from the frame rate asked for.
+  EXPECT_EQ(m.video_stream().enc->bit_rate, int64_t(26.0 * 240 * 320 * 32 * 0.003));
+  m.stop();
+}
+
+TEST_F(MovieMuxerTest, StartFailuresReachTheStatusCallback) {
+  struct Row { std::string url; int width; const char* other; int code; const char* prefix; };
+  const std::string missing = Path("missing-dir/x.flv");
+  for (const Row& row : {Row{Path("no-dir/x.mp4"), 320, nullptr, 11, "Could not open url"},
+                         Row{Path("odd.mp4"), 0, nullptr, 21, "Could not open video codec: "},
+                         Row{Path("ok.mp4"), 320, missing.c_str(), 21, "io open failed: "}}) {
+    SCOPED_TRACE(row.url);
+    MovieInfo info = Settings(row.url);
+    info.width = row.width;
+    info.other_urls[0] = row.other;
+    MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, info.url));
+    Status status;
+    EXPECT_EQ(Start(m, info, &status), row.code);
+    EXPECT_EQ(status.message.rfind(row.prefix, 0), 0u) << status.message;
+    EXPECT_FALSE(m.running());
+    // Frames after a failed start are ignored, and stop still cleans up.
+    EXPECT_EQ(m.write_video_frame(nullptr, nullptr), 0);
+    EXPECT_TRUE(m.stop());
+  }
+  // An extension no muxer claims is recorded as MP4.
+  const std::string odd = Path("movie.zzz");
+  MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, odd.c_str()));
+  Status status;
+  ASSERT_EQ(Start(m, Settings(odd), &status), 0) << status.message;
+  Feed(m, 0.5);
+  m.stop();
+  EXPECT_EQ(zeva::test::Probe(odd).format_name.rfind("mov,mp4", 0), 0u);
+}
+
+TEST_F(MovieMuxerTest, AsyncStartReportsFromItsThreadAndStopCanOvertakeIt) {
+  const std::string url = Path("async.mp4");
+  {
+    MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, url.c_str()));
+    Status status;
+    ASSERT_EQ(Start(m, Settings(url), &status, true), 0) << status.message;
+    EXPECT_NE(status.thread, std::this_thread::get_id());
+    Feed(m, 0.5);
+    m.stop();
+  }
+  EXPECT_NEAR(zeva::test::Probe(url).duration, 0.5, 0.1);
+
+  // Nothing listens on that port: the stop must not wait for the network.
+  const auto t0 = std::chrono::steady_clock::now();
+  {
+    MovieInfo info = Settings("rtmp://127.0.0.1:9/live/none");
+    info.timeout_sec = 2;
+    MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, info.url));
+    Status status;
+    m.start(info, &Status::Callback, &status, true);
+    m.stop();
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(3));
+}
+
+TEST_F(MovieMuxerTest, Mp4IndexMatchesTheMovie) {
+  const std::string url = Path("indexed.mp4"), moov = Path("indexed.moov");
+  MovieInfo info = Settings(url);
+  std::snprintf(info.moov_url, sizeof info.moov_url, "%s", moov.c_str());
+  MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, url.c_str()));
+  Status status;
+  ASSERT_EQ(Start(m, info, &status), 0) << status.message;
+  Feed(m, 2.0);
+  m.stop();
+  zeva::test::ExpectIndexMatchesProbe(url, moov);
+}
+
+TEST_F(MovieMuxerTest, HardwareRequestFallsBackToSoftwareAndProbesOnce) {
+  const std::string url = Path("hw.mp4");
+  MovieInfo info = Settings(url);
+  info.hardware = true;
+  info.width = info.src_width = 352;  // a size no other test probes
+  info.height = info.src_height = 288;
+  for (int run = 0; run < 2; ++run) {
+    const int probes_before = zeva::hw_probe_open_count();
+    MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, url.c_str()));
+    Status status;
+    ASSERT_EQ(Start(m, info, &status), 0) << status.message;
+    EXPECT_FALSE(m.effective().hardware);
+    EXPECT_STREQ(m.video_stream().enc->codec->name, "libx264");
+    if (run == 1) {
+      EXPECT_EQ(zeva::hw_probe_open_count(), probes_before);  // cached
+    }
+    m.stop();
+  }
+}
+
+}  // namespace
