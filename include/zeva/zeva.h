@@ -3,6 +3,7 @@
 #ifndef ZEVA_ZEVA_H
 #define ZEVA_ZEVA_H
 
+#include "zeva/classic.h"
 #include "zeva/export.h"
 #include "zeva/filter_base.h"
 #include "zeva/log.h"

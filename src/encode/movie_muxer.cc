@@ -82,6 +82,10 @@ int MovieMuxer::start(const MovieInfo& info, StatusCallback cb, void* user, bool
     avformat_network_init();
     network_ = true;
   }
+  {
+    std::lock_guard<std::mutex> lock(effective_mu_);
+    effective_ = info;
+  }
   start_ = std::make_unique<StartRecord>();
   start_->info = info;
   start_->cb = cb;
@@ -207,7 +211,12 @@ void MovieMuxer::Open(MovieInfo& info) {
     ZEVA_LOG(kLogError, "(%d) %s", static_cast<int>(opened.value), opened.message.c_str());
     throw ZVException(21, opened.message);
   }
-  effective_ = info;
+  {
+    std::lock_guard<std::mutex> lock(effective_mu_);
+    effective_ = info;
+  }
+  if (has_video_) video_tb_ = video_st_.enc->time_base;
+  if (has_audio_) audio_tb_ = audio_st_.enc->time_base;
   if (!writer_->start()) throw ZVException(21, "start failed ...");
   not_running_ = false;
   if (rec.cb != nullptr) rec.cb(0, "start OK", rec.user);
@@ -391,6 +400,16 @@ void MovieMuxer::ConfigureAudio(AVCodecContext* c, const AVCodec* codec, MovieIn
   std::fflush(stderr);
   c->time_base = {1, rate};
   if (c->frame_size == 0) c->frame_size = 1024;
+}
+
+int64_t MovieMuxer::last_video_us() const {
+  if (last_video_pts_ < 0 || video_tb_.num == 0) return -1;
+  return av_rescale_q(last_video_pts_, video_tb_, {1, 1000000});
+}
+
+int64_t MovieMuxer::last_audio_us() const {
+  if (last_audio_pts_ < 0 || audio_tb_.num == 0) return -1;
+  return av_rescale_q(last_audio_pts_, audio_tb_, {1, 1000000});
 }
 
 int MovieMuxer::write_video_frame(AVFrame* frame, const AVRational* tb) {

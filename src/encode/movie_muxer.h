@@ -7,7 +7,12 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <thread>
+
+extern "C" {
+#include <libavutil/rational.h>
+}
 
 #include "encode/movie_base.h"
 #include "encode/output_stream.h"
@@ -17,7 +22,6 @@ struct AVCodec;
 struct AVDictionary;
 struct AVFormatContext;
 struct AVFrame;
-struct AVRational;
 
 namespace zeva {
 
@@ -54,8 +58,12 @@ class MovieMuxer : public MovieBase {
   // Returns true. Host thread.
   bool stop();
 
-  // The settings the encoders really use, once the start succeeded.
-  const MovieInfo& effective() const { return effective_; }
+  // The working settings: those given to start, replaced by the ones the
+  // encoders really use once the start succeeded. Any thread.
+  MovieInfo effective() const {
+    std::lock_guard<std::mutex> lock(effective_mu_);
+    return effective_;
+  }
   bool running() const { return !not_running_.load(); }
   bool has_video() const { return has_video_; }
   bool has_audio() const { return has_audio_; }
@@ -63,9 +71,9 @@ class MovieMuxer : public MovieBase {
   OutputStream& audio_stream() { return audio_st_; }
   VideoEnc* video_enc() const { return video_enc_.get(); }
   AudioEnc* audio_enc() const { return audio_enc_.get(); }
-  // Last timestamps handed to the encoders, in codec time base.
-  int64_t last_video_pts() const { return last_video_pts_; }
-  int64_t last_audio_pts() const { return last_audio_pts_; }
+  // Last timestamps handed to the encoders, in microseconds; -1 before any.
+  int64_t last_video_us() const;
+  int64_t last_audio_us() const;
 
  private:
   struct StartRecord;
@@ -86,11 +94,14 @@ class MovieMuxer : public MovieBase {
   bool has_video_ = false;
   bool has_audio_ = false;
   AVDictionary* opts_ = nullptr;   // always empty: options go to the codecs directly
+  mutable std::mutex effective_mu_;
   MovieInfo effective_{};
+  AVRational video_tb_{0, 1};  // codec time bases, kept past stop
+  AVRational audio_tb_{0, 1};
   std::atomic<bool> not_running_{true};
   std::atomic<bool> interrupt_io_{false};  // while stop waits for the start thread
-  int64_t last_video_pts_ = INT64_MIN;
-  int64_t last_audio_pts_ = INT64_MIN;
+  int64_t last_video_pts_ = -1;  // codec time base
+  int64_t last_audio_pts_ = -1;
   std::unique_ptr<StartRecord> start_;
   bool network_ = false;
 };
