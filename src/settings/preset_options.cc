@@ -16,6 +16,9 @@ void set_option(AVCodecContext* ctx, const char* key, int value, int count, cons
     ZEVA_LOG(kLogError, "--- invalid %s value %d, left unchanged", key, value);
     return;
   }
+  // The empty name means "none": libx264 refuses to open with an empty
+  // profile, so the encoder keeps its own default instead.
+  if (*name == '\0') return;
   // Encoders without the option, or rejecting the value, stay as they were.
   (void)av_opt_set(ctx->priv_data, key, name, 0);
 }
