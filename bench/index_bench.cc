@@ -26,6 +26,7 @@ extern "C" {
 
 #include "index/snapshot.h"
 #include "output/packet_writer.h"
+#include "bench_media.h"
 #include "support/encoded_media.h"
 
 // Every allocation of the process, FFmpeg's included, passes through here.
@@ -56,37 +57,6 @@ constexpr size_t kPackets = 100000;
 
 double Seconds(Clock::time_point a, Clock::time_point b) {
   return std::chrono::duration<double>(b - a).count();
-}
-
-// The clip's packets repeated with shifted timestamps until there are `n`,
-// in decode order across streams.
-std::vector<zeva::PacketPtr> Repeat(const zeva::test::EncodedMedia& m, size_t n) {
-  std::vector<size_t> order(m.packets.size());
-  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
-  auto dts_us = [&](size_t i) {
-    const AVPacket* p = m.packets[i].pkt.get();
-    return av_rescale_q(p->dts, m.streams[p->stream_index].time_base, {1, 1000000});
-  };
-  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return dts_us(a) < dts_us(b); });
-  int64_t span_us = 0;
-  for (size_t i : order) span_us = std::max(span_us, dts_us(i) + 100000);
-
-  std::vector<zeva::PacketPtr> out;
-  out.reserve(n);
-  for (int64_t round = 0; out.size() < n; ++round) {
-    for (size_t i : order) {
-      if (out.size() == n) break;
-      zeva::PacketPtr p = zeva::test::ClonePacket(m, i);
-      const AVRational tb = m.streams[p->stream_index].time_base;
-      const int64_t shift = av_rescale_q(round * span_us, {1, 1000000}, tb);
-      p->pts += shift;
-      p->dts += shift;
-      if (round > 0 && p->stream_index == m.video_index) p->flags &= ~AV_PKT_FLAG_KEY;
-      if (round > 0 && p->stream_index == m.video_index && i == order.front()) p->flags |= AV_PKT_FLAG_KEY;
-      out.push_back(std::move(p));
-    }
-  }
-  return out;
 }
 
 struct MuxRun {
@@ -179,7 +149,7 @@ int main() {
   o.width = 1280;
   o.height = 720;
   const zeva::test::EncodedMedia media = zeva::test::EncodeTestMedia(o);
-  const std::vector<zeva::PacketPtr> pkts = Repeat(media, kPackets);
+  const std::vector<zeva::PacketPtr> pkts = zeva::bench::RepeatPackets(media, kPackets);
 
   // Alternate the two variants so that drift of the machine hits both alike.
   MuxRun best_plain, best_index;

@@ -38,7 +38,10 @@ constexpr size_t kMaxPath = sizeof(MovieInfo::url);  // url and moov_url, NUL in
 
 constexpr const char kUsage[] =
     "usage: zeva record OUT [options]\n"
+    "       zeva repair BROKEN INDEX OUT\n"
     "       zeva --help\n\n"
+    "repair rebuilds a playable OUT from a recording that ended without its\n"
+    "trailer (BROKEN, an .mp4) and the index written beside it (INDEX).\n\n"
     "Records a generated moving picture and a tone into OUT (a file such as\n"
     "demo.mp4, or an rtmp:// or rtsp:// URL), faster than real time.\n\n"
     "options:\n"
@@ -278,6 +281,58 @@ int Record(const Options& o) {
   return g_interrupted != 0 ? 130 : 0;
 }
 
+// Progress bar and outcome of a repair; the callback runs on this thread.
+struct RepairState {
+  int code = 0;
+  std::string message;
+  double progress = 0;
+  bool tty = false;
+  std::string summary;  // the library's closing line: what was rebuilt and skipped
+};
+
+void OnRepairProgress(double progress, int code, const char* message, void* user) {
+  auto* st = static_cast<RepairState*>(user);
+  st->progress = progress;
+  if (code != 0) {
+    st->code = code;
+    st->message = message;
+  }
+  if (st->tty) {
+    const int filled = static_cast<int>(progress * 40);
+    std::fprintf(stderr, "\rrepairing [%s%s] %3.0f%%", std::string(filled, '#').c_str(),
+                 std::string(40 - filled, ' ').c_str(), progress * 100);
+  }
+}
+
+int Repair(const char* broken, const char* index, const char* out) {
+  RepairState state;
+  state.tty = isatty(STDERR_FILENO) == 1;
+  // The closing log line tells which index lines could not be used (the
+  // damaged tail of a crashed recording); errors go to standard error.
+  ZEVA_Set_Log_Callback([&state](const char*, int level, const char*, int, const char* msg) {
+    const std::string text(msg);
+    if (text.rfind(">> 执行完成", 0) == 0) {
+      state.summary = text;
+    } else if (level <= 1) {
+      std::fprintf(stderr, "zeva: %s\n", msg);
+    }
+  });
+  const auto t0 = std::chrono::steady_clock::now();
+  const bool ok = ZEVA_StartRepair_sync(broken, index, out, OnRepairProgress, &state);
+  ZEVA_Set_Log_Callback(nullptr);
+  const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - t0;
+  if (state.tty) std::fprintf(stderr, "\r\033[K");
+  if (!ok) {
+    std::fprintf(stderr, "zeva: repair failed: %s (code %d)\n",
+                 state.message.empty() ? "unknown error" : state.message.c_str(), state.code);
+    return 1;
+  }
+  std::printf("zeva: repaired %s into %s in %.2f s (%.0f%% of the index used)\n", broken, out,
+              wall.count(), state.progress * 100);
+  if (!state.summary.empty()) std::printf("zeva: %s\n", state.summary.c_str());
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -286,6 +341,13 @@ int main(int argc, char** argv) {
   if (is_help(command) || (command == "record" && std::any_of(argv + 2, argv + argc, is_help))) {
     std::fputs(kUsage, stdout);
     return 0;
+  }
+  if (command == "repair") {
+    if (argc != 5) {
+      std::fprintf(stderr, "zeva: repair takes BROKEN INDEX OUT\n\n%s", kUsage);
+      return 2;
+    }
+    return Repair(argv[2], argv[3], argv[4]);
   }
   Options options;
   const std::string error = command.empty()      ? "no command given"

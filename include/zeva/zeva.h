@@ -8,5 +8,6 @@
 #include "zeva/filter_base.h"
 #include "zeva/log.h"
 #include "zeva/movie_info.h"
+#include "zeva/repair.h"
 
 #endif  // ZEVA_ZEVA_H
