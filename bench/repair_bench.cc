@@ -19,6 +19,7 @@ extern "C" {
 #include "bench_media.h"
 #include "index/snapshot.h"
 #include "output/packet_writer.h"
+#include "zeva/log.h"
 #include "zeva/repair.h"
 
 namespace {
@@ -58,11 +59,13 @@ void WriteBrokenRecording(const zeva::test::EncodedMedia& media,
 
 int main() {
   av_log_set_level(AV_LOG_QUIET);
+  ZEVA_Log_Level(-1);  // the repair's own progress lines are not part of the figure
   const std::string dir = zeva::test::MakeTempDir("repair-bench");
   zeva::test::MediaOptions o;
   o.seconds = 4;
   o.width = 1280;
   o.height = 720;
+  o.video_bitrate = 8000000;  // a desktop recording's size: over 200 MB in the repeated packets
   const zeva::test::EncodedMedia media = zeva::test::EncodeTestMedia(o);
   const std::string broken = dir + "/broken.mp4", index = dir + "/broken.moov";
   WriteBrokenRecording(media, zeva::bench::RepeatPackets(media, 40000), broken, index);

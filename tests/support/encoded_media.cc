@@ -24,7 +24,7 @@ CodecContextPtr OpenVideo(const MediaOptions& o) {
   c->time_base = {1, o.fps};
   c->framerate = {o.fps, 1};
   c->gop_size = o.gop;
-  c->bit_rate = 500000;
+  c->bit_rate = o.video_bitrate;
   c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   c->max_b_frames = o.b_frames ? 2 : 0;
   av_opt_set(c->priv_data, "preset", o.b_frames ? "veryfast" : "ultrafast", 0);

@@ -25,6 +25,7 @@ struct MediaOptions {
   bool audio = true;
   bool b_frames = false;  // reordered video (dts != pts)
   int sample_rate = 48000;
+  int64_t video_bitrate = 500000;
 };
 
 struct EncodedStream {
