@@ -51,26 +51,8 @@ AudioEnc::~AudioEnc() { filter_ = nullptr; }
 
 void AudioEnc::open(AVFormatContext*, const AVCodec* codec, OutputStream* ost, AVDictionary* opts,
                     const MovieInfo& info) {
-  settings_ = info;
+  OpenCodec(codec, ost, opts, info, "audio");
   AVCodecContext* enc = ost->enc.get();
-
-  // The codec replaces the dictionary it is given by what it did not take,
-  // freeing the original, so it gets a copy and the caller's stays valid.
-  AVDictionary* copy = nullptr;
-  int r = av_dict_copy(&copy, opts, 0);
-  if (r >= 0) r = avcodec_open2(enc, codec, &copy);
-  av_dict_free(&copy);
-  if (r < 0) {
-    const char* text = av_error_text(r);
-    ZEVA_LOG(kLogError, "Could not open audio codec: %s", text);
-    throw EncoderError(std::string("Could not open audio codec: ") + text);
-  }
-  r = avcodec_parameters_from_context(ost->st->codecpar, enc);
-  if (r < 0) {
-    const char* text = av_error_text(r);
-    ZEVA_LOG(kLogError, "Could not copy the audio stream parameters: %s", text);
-    throw EncoderError(std::string("Could not copy the audio stream parameters: ") + text);
-  }
 
   t_ = 0;
   PrimeTone(enc->sample_rate);

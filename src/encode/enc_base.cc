@@ -20,6 +20,29 @@ EncBase::EncBase(BaseWriter* writer) : writer_(writer) {}
 
 EncBase::~EncBase() = default;
 
+void EncBase::OpenCodec(const AVCodec* codec, OutputStream* ost, AVDictionary* opts,
+                        const MovieInfo& info, const char* kind) {
+  settings_ = info;
+  AVCodecContext* enc = ost->enc.get();
+  // The codec replaces the dictionary it is given by what it did not take,
+  // freeing the original, so it gets a copy and the caller's stays whole.
+  AVDictionary* copy = nullptr;
+  int r = av_dict_copy(&copy, opts, 0);
+  if (r >= 0) r = avcodec_open2(enc, codec, &copy);
+  av_dict_free(&copy);
+  if (r < 0) {
+    const char* text = av_error_text(r);
+    ZEVA_LOG(kLogError, "Could not open %s codec: %s", kind, text);
+    throw EncoderError(std::string("Could not open ") + kind + " codec: " + text);
+  }
+  r = avcodec_parameters_from_context(ost->st->codecpar, enc);
+  if (r < 0) {
+    const char* text = av_error_text(r);
+    ZEVA_LOG(kLogError, "Could not copy the %s stream parameters: %s", kind, text);
+    throw EncoderError(std::string("Could not copy the ") + kind + " stream parameters: " + text);
+  }
+}
+
 int EncBase::SendAndReceive(OutputStream* ost, AVFrame* frame, const char* kind,
                             FilterBase* packet_filter) {
   AVCodecContext* enc = ost->enc.get();

@@ -7,6 +7,8 @@
 #include "zeva/movie_info.h"
 
 class FilterBase;
+struct AVCodec;
+struct AVDictionary;
 struct AVFrame;
 
 namespace zeva {
@@ -42,6 +44,13 @@ class EncBase {
   const MovieInfo& settings() const { return settings_; }
 
  protected:
+  // Copies `info`, opens `codec` on `ost->enc` with a copy of `opts` (the
+  // caller's dictionary is left as it was) and copies the codec parameters
+  // into `ost->st`. `kind` is "video" or "audio". Throws EncoderError with
+  // "Could not open <kind> codec: <FFmpeg's text>", logged as well.
+  void OpenCodec(const AVCodec* codec, OutputStream* ost, AVDictionary* opts,
+                 const MovieInfo& info, const char* kind);
+
   // Sends `frame` (null drains the codec) to the codec of `ost` and hands
   // every packet it gives back to the writer, in the codec's time base with
   // interleaving, after `packet_filter` (when not null) has seen it. `kind` is

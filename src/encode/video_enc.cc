@@ -61,26 +61,8 @@ VideoEnc::~VideoEnc() { delete filter_; }
 
 void VideoEnc::open(AVFormatContext*, const AVCodec* codec, OutputStream* ost, AVDictionary* opts,
                     const MovieInfo& info) {
-  settings_ = info;
+  OpenCodec(codec, ost, opts, info, "video");
   AVCodecContext* enc = ost->enc.get();
-
-  // The codec removes the options it takes from the dictionary it is given,
-  // so it gets a copy and the caller's stays whole.
-  AVDictionary* copy = nullptr;
-  int r = av_dict_copy(&copy, opts, 0);
-  if (r >= 0) r = avcodec_open2(enc, codec, &copy);
-  av_dict_free(&copy);
-  if (r < 0) {
-    const char* text = av_error_text(r);
-    ZEVA_LOG(kLogError, "Could not open video codec: %s", text);
-    throw EncoderError(std::string("Could not open video codec: ") + text);
-  }
-  r = avcodec_parameters_from_context(ost->st->codecpar, enc);
-  if (r < 0) {
-    const char* text = av_error_text(r);
-    ZEVA_LOG(kLogError, "Could not copy the video stream parameters: %s", text);
-    throw EncoderError(std::string("Could not copy the video stream parameters: ") + text);
-  }
 
   ost->frame = AllocPicture(enc->pix_fmt, enc->width, enc->height);
   if (ost->frame == nullptr) {
