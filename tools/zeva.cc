@@ -36,20 +36,40 @@ constexpr int kChunkSamples = kSrcSampleRate / 100;  // 10 ms of PCM per call
 constexpr size_t kMaxAlso = 3;                       // other_urls: three URLs, then null
 constexpr size_t kMaxPath = sizeof(MovieInfo::url);  // url and moov_url, NUL included
 
+// The options of each command, shared by its own help and by zeva --help.
+#define ZEVA_RECORD_OPTIONS                                                    \
+  "  --seconds N    length of the recording in seconds (default 5)\n"        \
+  "  --size WxH     picture size, even numbers (default 1280x720)\n"         \
+  "  --fps F        frames per second (default 30)\n"                        \
+  "  --index PATH   write the crash-safe index of .mp4 outputs to PATH\n"    \
+  "  --also URL     record to URL as well (up to 3 times)\n"
+#define ZEVA_HELP_OPTION "  -h, --help     show this help\n"
+
+constexpr const char kRecordUsage[] =
+    "usage: zeva record OUT [options]\n\n"
+    "Records a generated moving picture and a tone into OUT (a file such as\n"
+    "demo.mp4, or an rtmp:// or rtsp:// URL), faster than real time.\n\n"
+    "options:\n" ZEVA_RECORD_OPTIONS ZEVA_HELP_OPTION;
+
+constexpr const char kRepairUsage[] =
+    "usage: zeva repair BROKEN INDEX OUT\n\n"
+    "Rebuilds a playable OUT from a recording that ended without its trailer\n"
+    "(BROKEN, an .mp4) and the index written beside it (INDEX). The container\n"
+    "of OUT follows its name.\n\n"
+    "options:\n" ZEVA_HELP_OPTION;
+
 constexpr const char kUsage[] =
     "usage: zeva record OUT [options]\n"
     "       zeva repair BROKEN INDEX OUT\n"
-    "       zeva --help\n\n"
-    "repair rebuilds a playable OUT from a recording that ended without its\n"
+    "       zeva --version | --help\n\n"
+    "record: records a generated moving picture and a tone into OUT (a file\n"
+    "such as demo.mp4, or an rtmp:// or rtsp:// URL), faster than real time.\n"
+    ZEVA_RECORD_OPTIONS "\n"
+    "repair: rebuilds a playable OUT from a recording that ended without its\n"
     "trailer (BROKEN, an .mp4) and the index written beside it (INDEX).\n\n"
-    "Records a generated moving picture and a tone into OUT (a file such as\n"
-    "demo.mp4, or an rtmp:// or rtsp:// URL), faster than real time.\n\n"
     "options:\n"
-    "  --seconds N    length of the recording in seconds (default 5)\n"
-    "  --size WxH     picture size, even numbers (default 1280x720)\n"
-    "  --fps F        frames per second (default 30)\n"
-    "  --index PATH   write the crash-safe index of .mp4 outputs to PATH\n"
-    "  --also URL     record to URL as well (up to 3 times)\n";
+    "  -h, --help     show this help; 'zeva COMMAND --help' shows one command's\n"
+    "  --version      print the version of ZEVALib the program was built with\n";
 
 struct Options {
   std::string out;
@@ -333,29 +353,51 @@ int Repair(const char* broken, const char* index, const char* out) {
   return 0;
 }
 
+// A usage error: one line on standard error and exit status 2.
+int UsageError(const std::string& text) {
+  std::fprintf(stderr, "zeva: %s (see 'zeva --help')\n", text.c_str());
+  return 2;
+}
+
+bool IsHelp(const char* arg) {
+  return std::strcmp(arg, "--help") == 0 || std::strcmp(arg, "-h") == 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::string command = argc > 1 ? argv[1] : "";
-  const auto is_help = [](const std::string& a) { return a == "--help" || a == "-h"; };
-  if (is_help(command) || (command == "record" && std::any_of(argv + 2, argv + argc, is_help))) {
+  const bool help = argc > 2 && std::any_of(argv + 2, argv + argc, IsHelp);
+  if (command.empty()) return UsageError("no command given");
+  if (IsHelp(argv[1])) {
     std::fputs(kUsage, stdout);
     return 0;
   }
+  if (command == "--version") {
+    std::printf("zeva %s\n", ZEVA_VERSION_STRING);
+    return 0;
+  }
   if (command == "repair") {
-    if (argc != 5) {
-      std::fprintf(stderr, "zeva: repair takes BROKEN INDEX OUT\n\n%s", kUsage);
-      return 2;
+    if (help) {
+      std::fputs(kRepairUsage, stdout);
+      return 0;
     }
+    for (int i = 2; i < argc; ++i) {
+      if (argv[i][0] == '-' && argv[i][1] != '\0') {
+        return UsageError(std::string("unknown option ") + argv[i]);
+      }
+    }
+    if (argc != 5) return UsageError("repair takes BROKEN INDEX OUT");
     return Repair(argv[2], argv[3], argv[4]);
   }
-  Options options;
-  const std::string error = command.empty()      ? "no command given"
-                            : command != "record" ? "unknown command '" + command + "'"
-                                                  : ParseRecord(argc, argv, &options);
-  if (!error.empty()) {
-    std::fprintf(stderr, "zeva: %s\n\n%s", error.c_str(), kUsage);
-    return 2;
+  if (command[0] == '-') return UsageError("unknown option " + command);
+  if (command != "record") return UsageError("unknown command '" + command + "'");
+  if (help) {
+    std::fputs(kRecordUsage, stdout);
+    return 0;
   }
+  Options options;
+  const std::string error = ParseRecord(argc, argv, &options);
+  if (!error.empty()) return UsageError(error);
   return Record(options);
 }

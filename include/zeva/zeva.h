@@ -9,5 +9,6 @@
 #include "zeva/log.h"
 #include "zeva/movie_info.h"
 #include "zeva/repair.h"
+#include "zeva/version.h"
 
 #endif  // ZEVA_ZEVA_H
