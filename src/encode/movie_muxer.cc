@@ -1,7 +1,5 @@
 #include "encode/movie_muxer.h"
 
-#include <strings.h>
-
 #include <cinttypes>
 #include <cstring>
 #include <string>
@@ -25,10 +23,6 @@ extern "C" {
 
 namespace zeva {
 namespace {
-
-bool StartsWithNoCase(const char* s, const char* prefix) {
-  return s != nullptr && strncasecmp(s, prefix, std::strlen(prefix)) == 0;
-}
 
 // Whether the main URL or a further one starts with `scheme`.
 bool AnyUrlStartsWith(const MovieInfo& info, const char* scheme) {
@@ -261,12 +255,11 @@ const AVCodec* MovieMuxer::AddStream(int codec_id, OutputStream* ost, MovieInfo&
     return nullptr;
   }
   if (codec->type == AVMEDIA_TYPE_VIDEO) {
-    ConfigureVideo(c.get(), codec, info, hw_name != nullptr, hw_name);
-    st->time_base = c->time_base;
+    ConfigureVideo(c.get(), codec, info, hw_name);
   } else {
     ConfigureAudio(c.get(), codec, info);
-    st->time_base = c->time_base;
   }
+  st->time_base = c->time_base;
   if (oc_->oformat->flags & AVFMT_GLOBALHEADER) c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   apply_preset_options(c.get(), info.preset, info.profile, info.tune);
   ost->st = st;
@@ -276,7 +269,8 @@ const AVCodec* MovieMuxer::AddStream(int codec_id, OutputStream* ost, MovieInfo&
 }
 
 void MovieMuxer::ConfigureVideo(AVCodecContext* c, const AVCodec* codec, MovieInfo& info,
-                                bool hardware, const char* hw_name) {
+                                const char* hw_name) {
+  const bool hardware = hw_name != nullptr;
   if (hw_name != nullptr && std::strcmp(hw_name, "h264_mf") == 0) {
     av_opt_set_int(c->priv_data, "hw_encoding", 1, 0);
   }

@@ -81,7 +81,8 @@ class MovieMuxer : public MovieBase {
   void RunStart();
   void Open(MovieInfo& info);
   const AVCodec* AddStream(int codec_id, OutputStream* ost, MovieInfo& info);
-  void ConfigureVideo(AVCodecContext* c, const AVCodec* codec, MovieInfo& info, bool hardware,
+  // `hw_name` names the hardware encoder taken, or is null for software.
+  void ConfigureVideo(AVCodecContext* c, const AVCodec* codec, MovieInfo& info,
                       const char* hw_name);
   void ConfigureAudio(AVCodecContext* c, const AVCodec* codec, MovieInfo& info);
   static int InterruptCallback(void* opaque);

@@ -15,15 +15,16 @@ extern "C" {
 namespace zeva {
 namespace {
 
-bool StartsWithNoCase(const char* s, const char* prefix) {
-  return strncasecmp(s, prefix, std::strlen(prefix)) == 0;
-}
-
 WriterResult Fail(int64_t code, std::string message) { return {code, std::move(message), true}; }
 
 }  // namespace
 
+bool StartsWithNoCase(const char* s, const char* prefix) {
+  return s != nullptr && strncasecmp(s, prefix, std::strlen(prefix)) == 0;
+}
+
 bool EndsWithNoCase(const char* s, const char* suffix) {
+  if (s == nullptr) return false;
   const size_t n = std::strlen(s), m = std::strlen(suffix);
   return n >= m && strcasecmp(s + n - m, suffix) == 0;
 }

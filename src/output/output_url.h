@@ -18,6 +18,8 @@ enum class UrlKind : int { kNone = -1, kMp4 = 0, kM3u8 = 1, kRtmp = 2, kRtsp = 3
 // begins with "rtmp://", begins with "rtsp://"; null gives kNone.
 UrlKind ClassifyUrl(const char* url);
 
+// Case-insensitive prefix and suffix tests; a null `s` matches nothing.
+bool StartsWithNoCase(const char* s, const char* prefix);
 bool EndsWithNoCase(const char* s, const char* suffix);
 
 // The result of opening an output: value 1 (or 0 for a clone) on success, an

@@ -23,6 +23,7 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
+#include "support/files.h"
 #include "support/probe.h"
 
 namespace fs = std::filesystem;
@@ -344,38 +345,13 @@ TEST_F(ClassicApi, OtherHostFormatsAndScaledPictures) {
   }
 }
 
-// Captures what the library prints on standard error while alive.
-class StderrCapture {
- public:
-  explicit StderrCapture(const std::string& path) : path_(path) {
-    std::fflush(stderr);
-    saved_ = dup(2);
-    const int f = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(f, 2);
-    close(f);
-  }
-  std::string Finish() {
-    std::fflush(stderr);
-    dup2(saved_, 2);
-    close(saved_);
-    std::ifstream in(path_);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-  }
-
- private:
-  std::string path_;
-  int saved_;
-};
-
 TEST_F(ClassicApi, DisabledStreamsAndNullHandles) {
   MovieInfo info = Settings(Path("video-only.mp4"), 320, 240);
   info.disable_audio = true;
   void* h = ZEVA_start(info, nullptr, nullptr, nullptr, false);
   ASSERT_NE(h, nullptr);
   int16_t pcm[882] = {};
-  StderrCapture err(Path("stderr.txt"));
+  zeva::test::StreamCapture err(stderr, Path("stderr.txt"));
   EXPECT_FALSE(ZEVA_write_audio_pcm(h, pcm, sizeof pcm, ZEVA_current_sys_usec()));
   const std::string printed = err.Finish();
   EXPECT_NE(printed.find("--- disable audio, ignore pcm frame\n"), std::string::npos);

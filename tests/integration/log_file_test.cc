@@ -12,40 +12,14 @@
 #include <string>
 
 #include "log/logger.h"
+#include "support/files.h"
 #include "zeva/log.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-std::string ReadFile(const fs::path& p) {
-  std::ifstream in(p, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-// Points file descriptor `fd` at a temporary file while alive.
-class Redirect {
- public:
-  Redirect(FILE* stream, const fs::path& to) : stream_(stream), fd_(fileno(stream)) {
-    std::fflush(stream_);
-    saved_ = dup(fd_);
-    const int f = open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(f, fd_);
-    close(f);
-  }
-  ~Redirect() {
-    std::fflush(stream_);
-    dup2(saved_, fd_);
-    close(saved_);
-  }
-
- private:
-  FILE* stream_;
-  int fd_;
-  int saved_;
-};
+using zeva::test::ReadFile;
 
 class LogControls : public ::testing::Test {
  protected:
@@ -77,7 +51,7 @@ TEST_F(LogControls, LogOnTrimsThePathAndAppends) {
 TEST_F(LogControls, UnopenablePathAndNullFallBackToStandardError) {
   const fs::path captured = dir_ / "stderr.txt";
   {
-    Redirect r(stderr, captured);
+    zeva::test::StreamCapture r(stderr, captured);
     ZEVA_Log_On((dir_ / "missing-dir" / "x.log").c_str(), 3);
     ZEVA_LOG(3, "fallback");
     ZEVA_Log_On(nullptr, 3);
@@ -98,7 +72,7 @@ TEST_F(LogControls, LogOffMovesLinesToStandardOutputAndKeepsTheFileOpen) {
   FILE* opened = qel::Logger::instance(nullptr)->sink();
   const fs::path captured = dir_ / "stdout.txt";
   {
-    Redirect r(stdout, captured);
+    zeva::test::StreamCapture r(stdout, captured);
     ZEVA_Log_Off();
     ZEVA_LOG(2, "to stdout");
   }

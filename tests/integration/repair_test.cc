@@ -31,6 +31,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/files.h"
 #include "support/probe.h"
 
 namespace {
@@ -41,12 +42,7 @@ using std::chrono::milliseconds;
 using zeva::test::Probe;
 using zeva::test::ProbeResult;
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+using zeva::test::ReadFile;
 
 void WriteFile(const std::string& path, const std::string& data) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << data;

@@ -21,6 +21,7 @@ extern "C" {
 #include "support/encoded_media.h"
 #include "support/index_check.h"
 #include "support/log_capture.h"
+#include "support/files.h"
 #include "support/probe.h"
 
 namespace {
@@ -30,12 +31,7 @@ using zeva::Snapshot;
 using zeva::test::EncodedMedia;
 using zeva::test::MediaOptions;
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+using zeva::test::ReadFile;
 
 int64_t FileSize(const std::string& path) {
   struct stat st {};
