@@ -8,6 +8,7 @@
 #include "zeva/filter_base.h"
 #include "zeva/log.h"
 #include "zeva/movie_info.h"
+#include "zeva/packet.h"
 #include "zeva/repair.h"
 #include "zeva/version.h"
 

@@ -1,0 +1,376 @@
+// Recording encoded packets as a host does it, through <zeva/zeva.h> and
+// libzeva.so: real H.264 and AAC streams pushed with host timestamps, judged
+// by ffprobe and ffmpeg.
+#include <zeva/zeva.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/es_media.h"
+#include "support/probe.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using zeva::test::DecodeErrors;
+using zeva::test::EsMedia;
+using zeva::test::Probe;
+using zeva::test::ProbeResult;
+using zeva::test::TestStreams;
+
+struct StatusLog {
+  std::mutex mu;
+  std::vector<std::pair<int, std::string>> calls;
+  static void Callback(int code, const char* message, void* user) {
+    auto* log = static_cast<StatusLog*>(user);
+    std::lock_guard<std::mutex> lock(log->mu);
+    log->calls.emplace_back(code, message != nullptr ? message : "");
+  }
+  bool Has(int code) {
+    std::lock_guard<std::mutex> lock(mu);
+    for (const auto& c : calls)
+      if (c.first == code) return true;
+    return false;
+  }
+  std::string Text() {
+    std::lock_guard<std::mutex> lock(mu);
+    std::string s;
+    for (const auto& c : calls) s += std::to_string(c.first) + " " + c.second + "\n";
+    return s;
+  }
+};
+
+class PacketApi : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/zeva-packet-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    ASSERT_EQ(media().error, "");
+  }
+  void TearDown() override {
+    if (HasFailure()) {
+      std::printf("files kept in %s\n", dir_.c_str());
+    } else {
+      fs::remove_all(dir_);
+    }
+  }
+  static const EsMedia& media() { return TestStreams(2.0, 30); }
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+
+  static MovieInfo2 Info(const std::string& url) {
+    MovieInfo2 info{};
+    std::snprintf(info.url, sizeof info.url, "%s", url.c_str());
+    info.vcodec = 1;
+    info.acodec = 1;
+    return info;
+  }
+
+  // Pushes the test streams in timestamp order, stamped t0 + media time, and
+  // stops. `video`/`audio` pick what is written; `convert` may rewrite each
+  // video packet first (length-prefixed input).
+  void Record(const MovieInfo2& info, bool video = true, bool audio = true,
+              std::vector<uint8_t> (*convert)(const std::vector<uint8_t>&) = nullptr) {
+    void* h = ZEVA2_start(info, &StatusLog::Callback, &status_);
+    ASSERT_NE(h, nullptr) << status_.Text();
+    const int64_t t0 = ZEVA_current_sys_usec();
+    const EsMedia& m = media();
+    size_t v = video ? 0 : m.video.size(), a = audio ? 0 : m.audio.size();
+    while (v < m.video.size() || a < m.audio.size()) {
+      if (v < m.video.size() && (a == m.audio.size() || m.video[v].pts_us <= m.audio[a].pts_us)) {
+        std::vector<uint8_t> data = convert ? convert(m.video[v].data) : m.video[v].data;
+        EXPECT_TRUE(ZEVA2_write_video_packet(h, data.data(), int(data.size()), t0 + m.video[v].pts_us));
+        ++v;
+      } else {
+        std::vector<uint8_t> data = m.audio[a].data;
+        EXPECT_TRUE(ZEVA2_write_audio_packet(h, data.data(), int(data.size()), t0 + m.audio[a].pts_us));
+        ++a;
+      }
+    }
+    ZEVA2_stop(&h);
+    EXPECT_EQ(h, nullptr);
+  }
+
+  // The file holds every pushed packet of the streams asked for, video at
+  // the pushed timestamps rebased to its start.
+  static void ExpectAllPackets(const std::string& path, bool video = true, bool audio = true) {
+    SCOPED_TRACE(path);
+    const ProbeResult r = Probe(path);
+    ASSERT_TRUE(r.ok) << r.errors;
+    EXPECT_EQ(DecodeErrors(path), "");
+    int vi = -1, ai = -1;
+    for (size_t i = 0; i < r.streams.size(); ++i) {
+      if (r.streams[i].codec_type == "video") vi = int(i);
+      if (r.streams[i].codec_type == "audio") ai = int(i);
+    }
+    ASSERT_EQ(vi >= 0, video);
+    ASSERT_EQ(ai >= 0, audio);
+    const EsMedia& m = media();
+    if (video) {
+      EXPECT_EQ(r.streams[vi].codec_name, "h264");
+      EXPECT_EQ(r.streams[vi].width, m.width);
+      const auto packets = zeva::test::PacketsOf(r, vi);
+      ASSERT_EQ(packets.size(), m.video.size());
+      int num = 1, den = 1;
+      ASSERT_EQ(std::sscanf(r.streams[vi].time_base.c_str(), "%d/%d", &num, &den), 2);
+      std::vector<int64_t> pts;
+      for (const auto& p : packets) pts.push_back(p.pts);
+      std::sort(pts.begin(), pts.end());
+      for (size_t i = 0; i < pts.size(); ++i) {
+        const double got_us = double(pts[i] - pts[0]) * num / den * 1e6;
+        ASSERT_NEAR(got_us, double(m.video[i].pts_us), 1500) << "video packet " << i;
+      }
+    }
+    if (audio) {
+      EXPECT_EQ(r.streams[ai].codec_name, "aac");
+      EXPECT_EQ(zeva::test::PacketsOf(r, ai).size(), m.audio.size());
+    }
+  }
+
+  std::string dir_;
+  StatusLog status_;
+};
+
+class PacketContainers : public PacketApi, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(PacketContainers, HoldEveryPacketAtItsHostTime) {
+  const std::string out = Path(std::string("out.") + GetParam());
+  Record(Info(out));
+  ExpectAllPackets(out);
+  EXPECT_TRUE(status_.Has(0)) << status_.Text();
+  EXPECT_FALSE(status_.Has(-33)) << status_.Text();
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, PacketContainers, ::testing::Values("mp4", "flv", "ts"));
+
+TEST_F(PacketApi, OneStreamAlone) {
+  MovieInfo2 video_only = Info(Path("video.mp4"));
+  video_only.acodec = 0;
+  Record(video_only, true, false);
+  ExpectAllPackets(Path("video.mp4"), true, false);
+  MovieInfo2 audio_only = Info(Path("audio.mp4"));
+  audio_only.vcodec = 0;
+  Record(audio_only, false, true);
+  ExpectAllPackets(Path("audio.mp4"), false, true);
+}
+
+TEST_F(PacketApi, MainAndFourFurtherOutputsGetTheSameStreams) {
+  const std::vector<std::string> others = {Path("o1.flv"), Path("o2.ts"), Path("o3.mkv"),
+                                           Path("o4.mp4")};
+  MovieInfo2 info = Info(Path("main.mp4"));
+  for (size_t i = 0; i < others.size(); ++i) info.others[i] = others[i].c_str();
+  Record(info);
+  ExpectAllPackets(Path("main.mp4"));
+  for (const auto& o : others) ExpectAllPackets(o);
+}
+
+// Length-prefixed H.264, as hardware encoders and capture cards deliver it:
+// each Annex B NAL unit of the access unit behind a 4-byte big-endian size.
+std::vector<std::vector<uint8_t>> NalUnits(const std::vector<uint8_t>& au) {
+  std::vector<std::vector<uint8_t>> nals;
+  size_t i = 0, start = std::string::npos;
+  auto flush = [&](size_t end) {
+    if (start == std::string::npos) return;
+    while (end > start && au[end - 1] == 0) --end;  // trailing zeros belong to the next start code
+    nals.emplace_back(au.begin() + long(start), au.begin() + long(end));
+  };
+  while (i + 3 <= au.size()) {
+    if (au[i] == 0 && au[i + 1] == 0 && au[i + 2] == 1) {
+      flush(i);
+      start = i + 3;
+      i += 3;
+    } else {
+      ++i;
+    }
+  }
+  flush(au.size());
+  return nals;
+}
+
+std::vector<uint8_t> ToLengthPrefixed(const std::vector<uint8_t>& au) {
+  std::vector<uint8_t> out;
+  for (const auto& nal : NalUnits(au)) {
+    const uint32_t n = uint32_t(nal.size());
+    out.insert(out.end(), {uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)});
+    out.insert(out.end(), nal.begin(), nal.end());
+  }
+  return out;
+}
+
+TEST_F(PacketApi, LengthPrefixedVideoWithParameterSetsOrExtradata) {
+  std::vector<uint8_t> sps, pps;
+  for (const auto& nal : NalUnits(media().video[0].data)) {
+    if ((nal[0] & 0x1f) == 7) sps = nal;
+    if ((nal[0] & 0x1f) == 8) pps = nal;
+  }
+  ASSERT_FALSE(sps.empty() || pps.empty());
+  std::vector<uint8_t> avcc = {1, sps[1], sps[2], sps[3], 0xff, 0xe1, uint8_t(sps.size() >> 8),
+                               uint8_t(sps.size())};
+  avcc.insert(avcc.end(), sps.begin(), sps.end());
+  avcc.insert(avcc.end(), {1, uint8_t(pps.size() >> 8), uint8_t(pps.size())});
+  avcc.insert(avcc.end(), pps.begin(), pps.end());
+
+  MovieInfo2 with_sets = Info(Path("sets.mp4"));
+  with_sets.sps = sps.data();
+  with_sets.sps_len = int32_t(sps.size());
+  with_sets.pps = pps.data();
+  with_sets.pps_len = int32_t(pps.size());
+  Record(with_sets, true, true, ToLengthPrefixed);
+  ExpectAllPackets(Path("sets.mp4"));
+
+  MovieInfo2 with_extradata = Info(Path("extradata.mp4"));
+  with_extradata.extradata = avcc.data();
+  with_extradata.extradata_len = int32_t(avcc.size());
+  Record(with_extradata, true, true, ToLengthPrefixed);
+  ExpectAllPackets(Path("extradata.mp4"));
+}
+
+class PacketPcm : public PacketApi, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(PacketPcm, IsEncodedToAac) {
+  const std::string format = GetParam();
+  MovieInfo2 info = Info(Path("pcm.mp4"));
+  info.vcodec = 0;
+  info.acodec = 2;
+  info.sample_rate = 48000;
+  info.channels = 2;
+  info.sample_format = format.c_str();
+  info.bitrate = 128;
+  void* h = ZEVA2_start(info, &StatusLog::Callback, &status_);
+  ASSERT_NE(h, nullptr) << status_.Text();
+  constexpr int kChunk = 960;  // 20 ms
+  std::vector<int16_t> s16(kChunk * 2);
+  std::vector<float> flt(kChunk * 2), left(kChunk), right(kChunk);
+  const int64_t t0 = ZEVA_current_sys_usec();
+  for (int c = 0; c < 100; ++c) {  // 2 s
+    for (int i = 0; i < kChunk; ++i) {
+      const float v = 0.25f * std::sin(6.2831853f * 440.f * float(c * kChunk + i) / 48000.f);
+      s16[2 * i] = s16[2 * i + 1] = int16_t(v * 32767);
+      flt[2 * i] = flt[2 * i + 1] = left[i] = right[i] = v;
+    }
+    uint8_t* interleaved[1] = {format == "s16" ? reinterpret_cast<uint8_t*>(s16.data())
+                                               : reinterpret_cast<uint8_t*>(flt.data())};
+    uint8_t* planar[2] = {reinterpret_cast<uint8_t*>(left.data()),
+                          reinterpret_cast<uint8_t*>(right.data())};
+    EXPECT_TRUE(ZEVA2_write_audio_pcm(h, format == "flt32p" ? planar : interleaved, kChunk,
+                                      t0 + int64_t(c) * 20000));
+  }
+  ZEVA2_stop(&h);
+  const ProbeResult r = Probe(Path("pcm.mp4"));
+  ASSERT_TRUE(r.ok) << r.errors;
+  ASSERT_EQ(r.streams.size(), 1u);
+  EXPECT_EQ(r.streams[0].codec_name, "aac");
+  EXPECT_EQ(r.streams[0].sample_rate, 48000);
+  EXPECT_NEAR(r.duration, 2.0, 0.1);
+  EXPECT_EQ(DecodeErrors(Path("pcm.mp4")), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, PacketPcm, ::testing::Values("s16", "flt32p", "flt32"));
+
+TEST_F(PacketApi, PauseCutsThePausedTimeAndDropsPcm) {
+  MovieInfo2 info = Info(Path("pause.mp4"));
+  info.acodec = 0;
+  void* h = ZEVA2_start(info, &StatusLog::Callback, &status_);
+  ASSERT_NE(h, nullptr);
+  const EsMedia& m = media();
+  const size_t half = m.video.size() / 2;
+  const int64_t t0 = ZEVA_current_sys_usec();
+  auto write = [&](size_t i, int64_t shift) {
+    std::vector<uint8_t> d = m.video[i].data;
+    EXPECT_TRUE(ZEVA2_write_video_packet(h, d.data(), int(d.size()), t0 + m.video[i].pts_us + shift));
+  };
+  for (size_t i = 0; i < half; ++i) write(i, 0);
+  const int64_t paused_at = ZEVA_current_sys_usec();
+  EXPECT_TRUE(ZEVA2_pause(h));
+  EXPECT_TRUE(ZEVA2_is_paused(h));
+  uint8_t* no_pcm[1] = {nullptr};
+  EXPECT_FALSE(ZEVA2_write_audio_pcm(h, no_pcm, 1024, t0));  // no audio in this recording
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_TRUE(ZEVA2_resume(h));
+  const int64_t paused_for = ZEVA_current_sys_usec() - paused_at;
+  EXPECT_FALSE(ZEVA2_resume(h));
+  // The host's clock went on while paused: later stamps carry the pause.
+  for (size_t i = half; i < m.video.size(); ++i) write(i, paused_for);
+  ZEVA2_stop(&h);
+  ExpectAllPackets(Path("pause.mp4"), true, false);  // no gap: each frame at its media time
+}
+
+TEST_F(PacketApi, BadInputGetsAClearResult) {
+  EXPECT_FALSE(ZEVA2_write_video_packet(nullptr, nullptr, 0, 0));
+  EXPECT_FALSE(ZEVA2_write_audio_packet(nullptr, nullptr, 0, 0));
+  EXPECT_FALSE(ZEVA2_write_audio_pcm(nullptr, nullptr, 0, 0));
+  EXPECT_FALSE(ZEVA2_pause(nullptr));
+  EXPECT_FALSE(ZEVA2_resume(nullptr));
+  EXPECT_FALSE(ZEVA2_is_paused(nullptr));
+  EXPECT_EQ(ZEVA2_movie_time(nullptr), -1);
+  ZEVA2_stop(nullptr);
+  void* none = nullptr;
+  ZEVA2_stop(&none);
+
+  {  // an unknown PCM format and unusable parameter sets refuse to start
+    StatusLog log;
+    MovieInfo2 info = Info(Path("x.mp4"));
+    info.acodec = 2;
+    info.sample_format = "flt";
+    info.sample_rate = 48000;
+    info.channels = 2;
+    EXPECT_EQ(ZEVA2_start(info, &StatusLog::Callback, &log), nullptr);
+    EXPECT_TRUE(log.Has(-10)) << log.Text();
+    info.acodec = 1;
+    const uint8_t junk[] = {0x42};
+    info.extradata = junk;
+    info.extradata_len = 1;
+    EXPECT_EQ(ZEVA2_start(info, &StatusLog::Callback, &log), nullptr);
+    EXPECT_TRUE(log.Has(-11)) << log.Text();
+  }
+
+  const auto bounded_stop = [](void** h) {
+    const auto t = std::chrono::steady_clock::now();
+    ZEVA2_stop(h);
+    return std::chrono::steady_clock::now() - t;
+  };
+  {  // no stream declared; then a host that never writes; both end promptly
+    StatusLog log;
+    MovieInfo2 info = Info(Path("none.mp4"));
+    info.vcodec = info.acodec = 0;
+    void* h = ZEVA2_start(info, &StatusLog::Callback, &log);
+    ASSERT_NE(h, nullptr);
+    EXPECT_FALSE(ZEVA2_write_video_packet(h, nullptr, 0, 0));
+    EXPECT_LT(bounded_stop(&h), std::chrono::seconds(10));
+    EXPECT_TRUE(log.Has(-23)) << log.Text();
+
+    h = ZEVA2_start(Info(Path("silent.mp4")), &StatusLog::Callback, &log);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_LT(bounded_stop(&h), std::chrono::seconds(10));
+  }
+  {  // a main output in a missing directory; garbage, empty and backward packets
+    StatusLog log;
+    void* h = ZEVA2_start(Info(Path("missing/out.mp4")), &StatusLog::Callback, &log);
+    ASSERT_NE(h, nullptr);
+    const EsMedia& m = media();
+    const int64_t t0 = ZEVA_current_sys_usec();
+    std::vector<uint8_t> junk(4096, 0x5a);
+    ZEVA2_write_video_packet(h, junk.data(), int(junk.size()), t0);
+    ZEVA2_write_video_packet(h, junk.data(), 0, t0);
+    for (size_t i = 0; i < m.video.size(); ++i) {
+      std::vector<uint8_t> d = m.video[i].data;
+      ZEVA2_write_video_packet(h, d.data(), int(d.size()), t0 - m.video[i].pts_us);
+    }
+    EXPECT_LT(bounded_stop(&h), std::chrono::seconds(10));
+    EXPECT_TRUE(log.Has(-32)) << log.Text();
+    EXPECT_NE(log.Text().find("missing/out.mp4"), std::string::npos) << log.Text();
+    EXPECT_FALSE(ZEVA2_write_video_packet(h, junk.data(), int(junk.size()), t0));  // after stop
+  }
+}
+
+}  // namespace
