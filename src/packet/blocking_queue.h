@@ -7,10 +7,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 namespace qel {
 
@@ -70,6 +70,7 @@ class BlockingQueue : public iWaitable {
     return static_cast<int32_t>(items_.size());
   }
 
+  // Whether abort() was called. Takes the queue's lock.
   bool aborted() {
     std::lock_guard<std::mutex> lock(mutex_);
     return aborted_;
@@ -96,10 +97,10 @@ class BlockingQueue : public iWaitable {
       }
       if (aborted_) return Aborted;
     }
-    items_.push_back(item);
-    on_pushed(items_.back());
+    T& pushed = items_.push_back(item);
+    on_pushed(pushed);
     not_empty_.notify_one();
-    after_push(items_.back());
+    after_push(pushed);
     if (waiter_ != nullptr) waiter_->on_queue_changed(this);
     return Ok;
   }
@@ -162,7 +163,7 @@ class BlockingQueue : public iWaitable {
   void clear_items() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (disposer_) {
-      for (T& item : items_) disposer_(item);
+      for (size_t i = 0; i < items_.size(); ++i) disposer_(items_.at(i));
     }
     items_.clear();
     on_clear();
@@ -175,7 +176,45 @@ class BlockingQueue : public iWaitable {
  private:
   std::condition_variable not_empty_;
   std::condition_variable not_full_;
-  std::deque<T> items_;
+  // A ring over storage that grows by doubling and never shrinks: after
+  // warm-up, pushes and pops allocate nothing (std::deque frees and allocates
+  // a chunk every few dozen items). The start resets to 0 whenever it empties.
+  class Ring {
+   public:
+    size_t size() const { return count_; }
+    bool empty() const { return count_ == 0; }
+    T& front() { return slots_[start_]; }
+    T& at(size_t i) { return slots_[(start_ + i) % slots_.size()]; }
+    T& push_back(const T& item) {
+      if (count_ == slots_.size()) grow();
+      T& slot = slots_[(start_ + count_) % slots_.size()];
+      slot = item;
+      ++count_;
+      return slot;
+    }
+    void pop_front() {
+      slots_[start_] = T();
+      start_ = (start_ + 1) % slots_.size();
+      if (--count_ == 0) start_ = 0;
+    }
+    void clear() {
+      while (count_ > 0) pop_front();
+    }
+
+   private:
+    void grow() {
+      std::vector<T> bigger(slots_.empty() ? 16 : slots_.size() * 2);
+      for (size_t i = 0; i < count_; ++i) bigger[i] = std::move(at(i));
+      slots_.swap(bigger);
+      start_ = 0;
+    }
+
+    std::vector<T> slots_;
+    size_t start_ = 0;
+    size_t count_ = 0;
+  };
+
+  Ring items_;
   Disposer disposer_;
   iWaiter* waiter_ = nullptr;
   bool aborted_ = false;

@@ -29,6 +29,10 @@ void OutputFormatFree::operator()(AVFormatContext* f) const noexcept {
 void InputFormatFree::operator()(AVFormatContext* f) const noexcept {
   avformat_close_input(&f);
 }
+void IOContextFree::operator()(AVIOContext* p) const noexcept {
+  av_freep(&p->buffer);
+  avio_context_free(&p);
+}
 void SwsFree::operator()(SwsContext* s) const noexcept { sws_freeContext(s); }
 void SwrFree::operator()(SwrContext* s) const noexcept { swr_free(&s); }
 void BsfFree::operator()(AVBSFContext* b) const noexcept { av_bsf_free(&b); }

@@ -13,6 +13,7 @@ struct AVCodecParameters;
 struct AVDictionary;
 struct AVFormatContext;
 struct AVFrame;
+struct AVIOContext;
 struct AVPacket;
 struct SwrContext;
 struct SwsContext;
@@ -28,6 +29,9 @@ struct CodecParametersFree { void operator()(AVCodecParameters* p) const noexcep
 struct OutputFormatFree { void operator()(AVFormatContext* f) const noexcept; };
 // For contexts opened with avformat_open_input.
 struct InputFormatFree { void operator()(AVFormatContext* f) const noexcept; };
+// For custom I/O contexts made with avio_alloc_context: frees the buffer
+// (possibly replaced by FFmpeg meanwhile), then the context.
+struct IOContextFree { void operator()(AVIOContext* p) const noexcept; };
 struct SwsFree { void operator()(SwsContext* s) const noexcept; };
 struct SwrFree { void operator()(SwrContext* s) const noexcept; };
 struct BsfFree { void operator()(AVBSFContext* b) const noexcept; };
@@ -40,6 +44,7 @@ using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextFree>;
 using CodecParametersPtr = std::unique_ptr<AVCodecParameters, CodecParametersFree>;
 using OutputFormatPtr = std::unique_ptr<AVFormatContext, OutputFormatFree>;
 using InputFormatPtr = std::unique_ptr<AVFormatContext, InputFormatFree>;
+using IOContextPtr = std::unique_ptr<AVIOContext, IOContextFree>;
 using SwsPtr = std::unique_ptr<SwsContext, SwsFree>;
 using SwrPtr = std::unique_ptr<SwrContext, SwrFree>;
 using BsfPtr = std::unique_ptr<AVBSFContext, BsfFree>;

@@ -13,6 +13,8 @@ int64_t perf_counter() {
 
 int64_t perf_frequency() { return 1000000000; }
 
+int64_t monotonic_ms() { return perf_counter() / (perf_frequency() / 1000); }
+
 int64_t calendar_seconds() { return static_cast<int64_t>(std::time(nullptr)); }
 
 bool local_time(int64_t t, std::tm* out) {

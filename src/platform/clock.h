@@ -47,6 +47,9 @@ namespace platform {
 int64_t perf_counter();
 int64_t perf_frequency();
 
+// Milliseconds of the monotonic counter; for time-outs, never for stamps.
+int64_t monotonic_ms();
+
 // Seconds since the epoch.
 int64_t calendar_seconds();
 
