@@ -21,6 +21,8 @@
 
 #include <zeva/zeva.h>
 
+#include "push.h"
+
 namespace {
 
 // FFmpeg 5.1 (libavutil 57) enumeration values. MovieInfo stores them as
@@ -61,12 +63,15 @@ constexpr const char kRepairUsage[] =
 constexpr const char kUsage[] =
     "usage: zeva record OUT [options]\n"
     "       zeva repair BROKEN INDEX OUT\n"
+    "       zeva push VIDEO.h264 AUDIO.aac OUT [options]\n"
     "       zeva --version | --help\n\n"
     "record: records a generated moving picture and a tone into OUT (a file\n"
     "such as demo.mp4, or an rtmp:// or rtsp:// URL), faster than real time.\n"
     ZEVA_RECORD_OPTIONS "\n"
     "repair: rebuilds a playable OUT from a recording that ended without its\n"
     "trailer (BROKEN, an .mp4) and the index written beside it (INDEX).\n\n"
+    "push: records an H.264 and an AAC elementary stream through the packet\n"
+    "interface ('zeva push --help' lists its options).\n\n"
     "options:\n"
     "  -h, --help     show this help; 'zeva COMMAND --help' shows one command's\n"
     "  --version      print the version of ZEVALib the program was built with\n";
@@ -389,6 +394,13 @@ int main(int argc, char** argv) {
     }
     if (argc != 5) return UsageError("repair takes BROKEN INDEX OUT");
     return Repair(argv[2], argv[3], argv[4]);
+  }
+  if (command == "push") {
+    if (help) {
+      std::fputs(zeva_tool::kPushUsage, stdout);
+      return 0;
+    }
+    return zeva_tool::Push(argc, argv);
   }
   if (command[0] == '-') return UsageError("unknown option " + command);
   if (command != "record") return UsageError("unknown command '" + command + "'");

@@ -46,10 +46,11 @@ EsMedia Make(double seconds, int fps) {
   char cmd[1024];
   std::snprintf(cmd, sizeof cmd,
                 "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=%dx%d:rate=%d "
-                "-f lavfi -i sine=frequency=440:sample_rate=%d -t %.3f "
-                "-map 0:v -c:v libx264 -preset ultrafast -bf 0 -g %d -pix_fmt yuv420p "
-                "-f h264 %s/v.h264 -map 1:a -c:a aac -ac 2 -b:a 128k -f adts %s/a.aac",
-                m.width, m.height, fps, m.sample_rate, seconds, fps, base.c_str(), base.c_str());
+                "-f lavfi -i sine=frequency=440:sample_rate=%d "
+                "-map 0:v -t %.3f -c:v libx264 -preset ultrafast -bf 0 -g %d -pix_fmt yuv420p "
+                "-f h264 %s/v.h264 -map 1:a -t %.3f -c:a aac -ac 2 -b:a 128k -f adts %s/a.aac",
+                m.width, m.height, fps, m.sample_rate, seconds, fps, base.c_str(), seconds,
+                base.c_str());
   const std::string said = RunCommand(cmd);
   const std::string h264 = ReadFile(base + "/v.h264"), aac = ReadFile(base + "/a.aac");
   std::filesystem::remove_all(base);
