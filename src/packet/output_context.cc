@@ -88,13 +88,14 @@ Status OutputContext::open(const AVStream* video_stream, const AVStream* audio_s
   if (rtsp) {
     av_dict_set(&oc_->metadata, "rtsp_transport", "tcp", 0);
     av_dict_set_int(&oc_->metadata, "timeout", timeout_us_, 0);
-    if (audio_stream != nullptr && audio_stream->codecpar->codec_id == AV_CODEC_ID_AAC) {
-      transcoder_ = std::make_unique<AacToOpus>();
-      Status s = transcoder_->init(audio_stream->codecpar);
-      if (!s.ok) {
-        transcoder_.reset();
-        return s;
-      }
+  }
+  if ((rtsp || force_opus_) && audio_stream != nullptr &&
+      audio_stream->codecpar->codec_id == AV_CODEC_ID_AAC) {
+    transcoder_ = std::make_unique<AacToOpus>();
+    Status s = transcoder_->init(audio_stream->codecpar);
+    if (!s.ok) {
+      transcoder_.reset();
+      return s;
     }
   }
 
@@ -112,7 +113,10 @@ Status OutputContext::open(const AVStream* video_stream, const AVStream* audio_s
       st->time_base = transcoder_->time_base();
     } else {
       r = avcodec_parameters_copy(st->codecpar, par);
-      st->time_base = in->time_base;
+      // Packets carry the host's microseconds. Asking the muxer for that
+      // time base (MP4 takes it as the track's timescale) keeps timestamps
+      // and durations exact instead of rounding each one on its own.
+      st->time_base = AVRational{1, 1000000};
     }
     if (r < 0) return Status::Error(r, "stream parameters: " + url_);
     st->codecpar->codec_tag = 0;

@@ -41,6 +41,10 @@ class OutputContext {
   OutputContext(const OutputContext&) = delete;
   OutputContext& operator=(const OutputContext&) = delete;
 
+  // Re-encodes AAC audio as Opus, as every rtsp:// output does. Call before
+  // open; for containers that take Opus.
+  void transcode_audio_to_opus() { force_opus_ = true; }
+
   // Opens `url` with one stream per usable input stream (H.264 video, AAC
   // audio, each chosen by its codec; either may be null), writes the header
   // and starts the writer thread. With a non-empty `snapshot_path` the
@@ -85,6 +89,7 @@ class OutputContext {
   std::unique_ptr<PacketWriter> writer_;
   ErrorHandler on_error_;
   bool network_ = false;
+  bool force_opus_ = false;
   int64_t timeout_us_ = 0;
   // Network I/O gives up once the monotonic clock passes this (0: never).
   std::atomic<int64_t> interrupt_at_us_{0};

@@ -52,8 +52,9 @@ EsMedia Make(double seconds, int fps) {
                 m.width, m.height, fps, m.sample_rate, seconds, fps, base.c_str(), seconds,
                 base.c_str());
   const std::string said = RunCommand(cmd);
-  const std::string h264 = ReadFile(base + "/v.h264"), aac = ReadFile(base + "/a.aac");
-  std::filesystem::remove_all(base);
+  m.h264_path = base + "/v.h264";
+  m.aac_path = base + "/a.aac";
+  const std::string h264 = ReadFile(m.h264_path), aac = ReadFile(m.aac_path);
   if (h264.empty() || aac.empty()) {
     m.error = "ffmpeg could not make the streams: " + said;
     return m;
@@ -75,9 +76,20 @@ EsMedia Make(double seconds, int fps) {
 
 }  // namespace
 
+// The streams made so far; their directories go with the process.
+struct Made : std::map<std::pair<double, int>, EsMedia> {
+  ~Made() {
+    for (const auto& m : *this) {
+      if (!m.second.h264_path.empty()) {
+        std::filesystem::remove_all(std::filesystem::path(m.second.h264_path).parent_path());
+      }
+    }
+  }
+};
+
 const EsMedia& TestStreams(double seconds, int fps) {
   static std::mutex mu;
-  static std::map<std::pair<double, int>, EsMedia> made;
+  static Made made;
   std::lock_guard<std::mutex> lock(mu);
   auto it = made.find({seconds, fps});
   if (it == made.end()) it = made.emplace(std::make_pair(seconds, fps), Make(seconds, fps)).first;

@@ -19,12 +19,13 @@ struct EsMedia {
   std::vector<EsPacket> video;  // one access unit each, key frame first
   std::vector<EsPacket> audio;  // one ADTS frame each
   int width = 0, height = 0, fps = 0, sample_rate = 0, channels = 0;
+  std::string h264_path, aac_path;  // the streams as files, kept until the process ends
   std::string error;  // set when the streams could not be made
 };
 
 // `seconds` of 320x240 testsrc2 video at `fps` (libx264, one key frame a
 // second) and a 440 Hz tone at 44100 Hz stereo. Made once per process and
-// parameter set, in a temporary directory.
+// parameter set, in a temporary directory removed at exit.
 const EsMedia& TestStreams(double seconds = 2.0, int fps = 30);
 
 // Runs `command` through the shell and returns what it printed on standard
