@@ -12,7 +12,7 @@ stray=$(grep -vE "$allowed" <<<"$names" || true)
 if [ -n "$stray" ]; then
   echo "libzeva.so exports names outside its interface:"; echo "$stray"; exit 1
 fi
-for want in 'ZEVA_Log_On(char const*, int)' 'ZEVA_Set_Log_Callback(' 'preset_from_str(char const*)'; do
+for want in 'ZEVA_Log_On(char const*, int)' 'ZEVA2_start(MovieInfo2 const&, void (*)(int, char const*, void*), void*)' 'ZEVA_Set_Log_Callback(' 'preset_from_str(char const*)'; do
   grep -qF "$want" <<<"$names" || { echo "missing export: $want"; exit 1; }
 done
 echo "exports ok: $(wc -l <<<"$names") names"

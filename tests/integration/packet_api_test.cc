@@ -370,6 +370,50 @@ TEST_F(PacketApi, BadInputGetsAClearResult) {
     EXPECT_TRUE(log.Has(-32)) << log.Text();
     EXPECT_NE(log.Text().find("missing/out.mp4"), std::string::npos) << log.Text();
     EXPECT_FALSE(ZEVA2_write_video_packet(h, junk.data(), int(junk.size()), t0));  // after stop
+
+    // Told to record on, it still ends when no output is left.
+    MovieInfo2 info = Info(Path("missing/out.mp4"));
+    info.acodec = 0;
+    info.keep_recording_on_output_error = 1;
+    h = ZEVA2_start(info, &StatusLog::Callback, &log);
+    for (size_t i = 0; i < m.video.size(); ++i) {
+      std::vector<uint8_t> d = m.video[i].data;
+      ZEVA2_write_video_packet(h, d.data(), int(d.size()), t0 + m.video[i].pts_us);
+    }
+    EXPECT_LT(bounded_stop(&h), std::chrono::seconds(10));
+    EXPECT_TRUE(log.Has(-33)) << log.Text();
+  }
+}
+
+// A further output whose writes fail: by default the whole recording ends
+// with the error; told to record on, the main output keeps every packet.
+TEST_F(PacketApi, AFailingFurtherOutputIsReportedByName) {
+  for (const int keep : {0, 1}) {
+    SCOPED_TRACE(keep);
+    status_.calls.clear();
+    MovieInfo2 info = Info(Path("main.mp4"));
+    info.acodec = 0;
+    info.others[0] = "/dev/full";
+    info.keep_recording_on_output_error = keep;
+    void* h = ZEVA2_start(info, &StatusLog::Callback, &status_);
+    ASSERT_NE(h, nullptr);
+    const EsMedia& m = media();
+    const int64_t t0 = ZEVA_current_sys_usec();
+    int refused = 0;
+    for (size_t v = 0; v < m.video.size(); ++v) {
+      std::vector<uint8_t> d = m.video[v].data;
+      refused += !ZEVA2_write_video_packet(h, d.data(), int(d.size()), t0 + m.video[v].pts_us);
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    ZEVA2_stop(&h);
+    const std::string said = status_.Text();
+    EXPECT_NE(said.find("/dev/full"), std::string::npos) << said;
+    if (keep) {
+      EXPECT_EQ(refused, 0);
+      ExpectAllPackets(Path("main.mp4"), true, false);
+    } else {
+      EXPECT_GT(refused, 0);
+    }
   }
 }
 
