@@ -1,10 +1,10 @@
-// A sine tone for audio tests, the means to decode encoded audio back, and a
-// rough measure of what survived.
+// Test helpers for codecs: a sine tone, a decoder run over encoded packets,
+// and a rough measure of the tone that survived.
 #ifndef ZEVA_TESTS_SUPPORT_TONE_H
 #define ZEVA_TESTS_SUPPORT_TONE_H
 
-#include <cmath>
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <vector>
 
@@ -18,11 +18,43 @@ extern "C" {
 
 namespace zeva::test {
 
+using Bytes = std::vector<uint8_t>;
+
 // `n` samples of amp·sin(2π·freq·t) at `rate`.
 inline std::vector<float> Sine(int n, int rate, double freq, double amp) {
   std::vector<float> s(n);
   for (int i = 0; i < n; ++i) s[i] = static_cast<float>(amp * std::sin(2 * M_PI * freq * i / rate));
   return s;
+}
+
+// Decodes `packets` and then drains, with `dec` opened. Returns the number of
+// frames, -1 on a decoder error. For float audio, channel 0 is appended to
+// `*channel0` when given.
+inline int DecodeAll(AVCodecContext* dec, const std::vector<Bytes>& packets,
+                     std::vector<float>* channel0 = nullptr) {
+  PacketPtr pkt = NewPacket();
+  FramePtr f = NewFrame();
+  int frames = 0;
+  for (size_t i = 0; i <= packets.size(); ++i) {
+    const bool drain = i == packets.size();
+    if (!drain) {
+      if (av_new_packet(pkt.get(), static_cast<int>(packets[i].size())) < 0) return -1;
+      std::copy(packets[i].begin(), packets[i].end(), pkt->data);
+    }
+    const int r = avcodec_send_packet(dec, drain ? nullptr : pkt.get());
+    av_packet_unref(pkt.get());
+    if (r < 0) return -1;
+    while (avcodec_receive_frame(dec, f.get()) == 0) {
+      ++frames;
+      if (channel0 && (f->format == AV_SAMPLE_FMT_FLT || f->format == AV_SAMPLE_FMT_FLTP)) {
+        const int step = f->format == AV_SAMPLE_FMT_FLT ? f->ch_layout.nb_channels : 1;
+        const float* p = reinterpret_cast<const float*>(f->extended_data[0]);
+        for (int s = 0; s < f->nb_samples; ++s) channel0->push_back(p[s * step]);
+      }
+      av_frame_unref(f.get());
+    }
+  }
+  return frames;
 }
 
 struct ToneMeasure {
@@ -48,52 +80,6 @@ inline ToneMeasure Measure(const std::vector<float>& x, int rate, size_t skip, s
   if (crossings < 2) return {0, rms};
   return {double(crossings - 1) * rate / (last - first), rms};
 }
-
-// Decodes packets with an opened decoder; collects channel 0 as float and
-// counts the samples per channel. Works for planar or interleaved float.
-class Decoded {
- public:
-  explicit Decoded(AVCodecContext* dec) : dec_(dec), frame_(NewFrame()), pkt_(NewPacket()) {}
-
-  // Sends one packet's bytes (null/0 drains) and takes every frame out.
-  // False on a decoder error.
-  bool Feed(const uint8_t* data, int size) {
-    int r;
-    if (data != nullptr) {
-      if (av_new_packet(pkt_.get(), size) < 0) return false;
-      std::copy(data, data + size, pkt_->data);
-      r = avcodec_send_packet(dec_, pkt_.get());
-      av_packet_unref(pkt_.get());
-    } else {
-      r = avcodec_send_packet(dec_, nullptr);
-    }
-    if (r < 0) return false;
-    for (;;) {
-      r = avcodec_receive_frame(dec_, frame_.get());
-      if (r == AVERROR(EAGAIN) || r == AVERROR_EOF) return true;
-      if (r < 0) return false;
-      AVFrame* f = frame_.get();
-      const int stride = av_sample_fmt_is_planar(static_cast<AVSampleFormat>(f->format))
-                             ? 1 : f->ch_layout.nb_channels;
-      const float* p = reinterpret_cast<const float*>(f->extended_data[0]);
-      if (f->format == AV_SAMPLE_FMT_FLT || f->format == AV_SAMPLE_FMT_FLTP) {
-        for (int i = 0; i < f->nb_samples; ++i) channel0.push_back(p[i * stride]);
-      }
-      rate = f->sample_rate;
-      channels = f->ch_layout.nb_channels;
-      av_frame_unref(f);
-    }
-  }
-
-  std::vector<float> channel0;
-  int rate = 0;
-  int channels = 0;
-
- private:
-  AVCodecContext* dec_;
-  FramePtr frame_;
-  PacketPtr pkt_;
-};
 
 }  // namespace zeva::test
 
