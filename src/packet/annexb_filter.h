@@ -50,8 +50,10 @@ class AnnexBFilter {
 
   // Filters one host packet (`data` borrowed for the call) and hands `sink`
   // each resulting packet (valid during the call) with pts `usec`, `usec` +
-  // 1, ... in order. False when FFmpeg refuses the packet or `sink` returns
-  // false (then nothing further is handed on for it).
+  // 1, ... in order (FFmpeg's filter gives one packet per host packet, so in
+  // practice `usec`; pictures sharing a host packet stay together). False
+  // for an empty packet, when FFmpeg refuses the packet, or when `sink`
+  // returns false (then nothing further is handed on for it).
   bool filter(const uint8_t* data, int nbytes, int64_t usec,
               const std::function<bool(const uint8_t* data, int nbytes, int64_t pts)>& sink);
 
