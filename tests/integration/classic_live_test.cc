@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <thread>
 
@@ -92,6 +93,7 @@ struct LiveCase {
 };
 
 std::string CaseName(const ::testing::TestParamInfo<LiveCase>& info) { return info.param.name; }
+void PrintTo(const LiveCase& c, std::ostream* os) { *os << c.name; }
 
 class ClassicLive : public ClassicLiveBase, public ::testing::TestWithParam<LiveCase> {
  protected:
