@@ -4,6 +4,8 @@
 // Pictures and sound are made here and stamped on a synthetic clock that
 // starts at the library's clock and advances by exact frame and sample
 // durations, so recording takes only as long as encoding does.
+#include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -44,7 +46,9 @@ constexpr size_t kMaxPath = sizeof(MovieInfo::url);  // url and moov_url, NUL in
   "  --size WxH     picture size, even numbers (default 1280x720)\n"         \
   "  --fps F        frames per second (default 30)\n"                        \
   "  --index PATH   write the crash-safe index of .mp4 outputs to PATH\n"    \
-  "  --also URL     record to URL as well (up to 3 times)\n"
+  "  --also URL     record to URL as well (up to 3 times)\n"                  \
+  "  --timeout SEC  give up on a silent rtmp:// or rtsp:// server after SEC\n" \
+  "                 seconds (default 10; 0 waits for ever, Ctrl-C still ends)\n"
 #define ZEVA_HELP_OPTION "  -h, --help     show this help\n"
 
 constexpr const char kRecordUsage[] =
@@ -82,11 +86,22 @@ struct Options {
   int width = 1280, height = 720, fps = 30;
   std::string index;
   std::vector<std::string> also;  // outlive the recording: other_urls points into them
+  int timeout_sec = 10;
 };
 
-// Filled by the status callback, which may run on a writer thread of the
-// library; the recording loop polls `failed`. The first failure is kept.
+// The main thread sleeps in poll() on this pipe while the start runs; the
+// status callback and the signal handlers wake it by writing a byte.
+int g_wake[2] = {-1, -1};
+
+void Wake() {
+  const char byte = 1;
+  (void)!write(g_wake[1], &byte, 1);  // non-blocking: a full pipe wakes anyway
+}
+
+// Filled by the status callback, which may run on a thread of the library;
+// the recording loop polls `failed`. The first failure is kept.
 struct Status {
+  std::atomic<bool> started{false};
   std::atomic<bool> failed{false};
   std::mutex mu;
   int code = 0;
@@ -94,22 +109,41 @@ struct Status {
 };
 
 void OnStatus(int code, const char* message, void* user) {
-  if (code == 0) return;  // "start OK"
   auto* status = static_cast<Status*>(user);
-  std::lock_guard<std::mutex> lock(status->mu);
-  if (status->failed.load()) return;
-  status->code = code;
-  status->message = message != nullptr ? message : "";
-  status->failed.store(true);
+  if (code == 0) {  // "start OK"
+    status->started.store(true);
+  } else {
+    std::lock_guard<std::mutex> lock(status->mu);
+    if (!status->failed.load()) {
+      status->code = code;
+      status->message = message != nullptr ? message : "";
+      status->failed.store(true);
+    }
+  }
+  Wake();
 }
 
-volatile std::sig_atomic_t g_interrupted = 0;
+volatile std::sig_atomic_t g_interrupted = 0;  // the signal's number
 
-// The first Ctrl-C ends the recording cleanly, so the movie gets its
-// trailer; a second one ends the program at once.
+// The first Ctrl-C or SIGTERM ends the recording cleanly, so the movie gets
+// its trailer, even while a server keeps the start waiting; a second one
+// ends the program at once.
 void OnInterrupt(int sig) {
-  g_interrupted = 1;
+  g_interrupted = sig;
   std::signal(sig, SIG_DFL);
+  Wake();
+}
+
+// Waits until the start has succeeded or failed, or a signal came.
+void WaitForStart(const Status& status) {
+  while (!status.started.load() && !status.failed.load() && g_interrupted == 0) {
+    pollfd p{g_wake[0], POLLIN, 0};
+    if (poll(&p, 1, -1) > 0) {
+      char buf[64];
+      while (read(g_wake[0], buf, sizeof buf) > 0) {
+      }
+    }
+  }
 }
 
 bool ParseInt(const std::string& s, int lo, int hi, int* out) {
@@ -142,6 +176,8 @@ std::string ApplyOption(const std::string& name, const std::string& value, Optio
   } else if (name == "--index") {
     if (value.empty() || value.size() >= kMaxPath) return "bad --index: " + value;
     o->index = value;
+  } else if (name == "--timeout") {
+    if (!ParseInt(value, 0, 3600, &o->timeout_sec)) return "bad --timeout: " + value;
   } else if (name == "--also") {
     if (value.empty() || o->also.size() == kMaxAlso) return "at most 3 non-empty --also URLs";
     o->also.push_back(value);
@@ -191,6 +227,7 @@ MovieInfo BuildInfo(const Options& o) {
   info.preset = QL_ULTRAFAST;
   info.profile = PL_BASELINE;
   info.tune = TL_ZEROLATENCY;
+  info.timeout_sec = o.timeout_sec;
   return info;
 }
 
@@ -275,14 +312,21 @@ Fed Feed(void* h, int fps, const Options& o, const Status& status) {
 }
 
 int Record(const Options& o) {
+  if (pipe2(g_wake, O_CLOEXEC | O_NONBLOCK) != 0) {
+    std::perror("zeva: pipe");
+    return 1;
+  }
   std::signal(SIGINT, OnInterrupt);
   std::signal(SIGTERM, OnInterrupt);
   std::signal(SIGPIPE, SIG_IGN);  // a dropped stream connection is a write error, not death
   Status status;
   MovieInfo used{};
   const auto wall0 = std::chrono::steady_clock::now();
-  void* h = ZEVA_start(BuildInfo(o), OnStatus, &status, &used, /*async=*/false);
-  const bool started = ZEVA_get_mInfo(h, &used) && !status.failed.load();
+  // Started on the library's thread, so that a signal can end a start that
+  // a server holds: the stop below interrupts it.
+  void* h = ZEVA_start(BuildInfo(o), OnStatus, &status, &used, /*async=*/true);
+  if (h != nullptr) WaitForStart(status);
+  const bool started = status.started.load() && !status.failed.load() && ZEVA_get_mInfo(h, &used);
   const int fps = used.fps > 0 ? used.fps : o.fps;
   const Fed fed = started ? Feed(h, fps, o, status) : Fed{};
   ZEVA_stop(&h);
@@ -290,8 +334,19 @@ int Record(const Options& o) {
 
   if (status.failed.load()) {
     std::lock_guard<std::mutex> lock(status.mu);
-    std::fprintf(stderr, "zeva: %s (code %d)\n", status.message.c_str(), status.code);
+    // Reports name the output they concern, except the main output's
+    // failure to open (code 11), whose text is fixed.
+    if (status.code == 11) {
+      std::fprintf(stderr, "zeva: %s: %s (code %d)\n", o.out.c_str(), status.message.c_str(),
+                   status.code);
+    } else {
+      std::fprintf(stderr, "zeva: %s (code %d)\n", status.message.c_str(), status.code);
+    }
     return 1;
+  }
+  if (g_interrupted != 0 && !started) {
+    std::fprintf(stderr, "zeva: interrupted while starting\n");
+    return 128 + g_interrupted;
   }
   if (!started) {
     std::fprintf(stderr, "zeva: could not start recording to %s\n", o.out.c_str());
@@ -303,7 +358,7 @@ int Record(const Options& o) {
   std::printf("zeva: wrote %s (%.2f s, %lld frames, %dx%d@%d, %d Hz audio) in %.2f s\n",
               o.out.c_str(), seconds, static_cast<long long>(fed.accepted), used.width,
               used.height, fps, used.sample_rate, wall.count());
-  return g_interrupted != 0 ? 130 : 0;
+  return g_interrupted != 0 ? 128 + g_interrupted : 0;
 }
 
 // Progress bar and outcome of a repair; the callback runs on this thread.

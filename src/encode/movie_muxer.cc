@@ -36,6 +36,10 @@ bool IsNetworked(const MovieInfo& info) {
   return AnyUrlStartsWith(info, "rtsp://") || AnyUrlStartsWith(info, "rtmp://");
 }
 
+// How long a stop waits for network outputs without a time-out of their
+// own to deliver what is queued.
+constexpr int kStopGraceSec = 5;
+
 template <typename T, typename Pred>
 bool ListContains(const T* list, T end, Pred match) {
   for (const T* p = list; p != nullptr && *p != end; ++p)
@@ -64,10 +68,6 @@ MovieMuxer::~MovieMuxer() {
   ZEVA_LOG(kLogInfo, "delete video OK");
   av_dict_free(&opts_);
   ZEVA_LOG(kLogInfo, "~movie muxer OK");
-}
-
-int MovieMuxer::InterruptCallback(void* opaque) {
-  return static_cast<const MovieMuxer*>(opaque)->interrupt_io_.load() ? 1 : 0;
 }
 
 int MovieMuxer::start(const MovieInfo& info, StatusCallback cb, void* user, bool async) {
@@ -138,29 +138,20 @@ void MovieMuxer::Open(MovieInfo& info) {
     if (rec.cb != nullptr) rec.cb(10, "output context is NULL", rec.user);
     return;
   }
-  // A stop that overtakes the start interrupts a connect in progress.
-  oc_->interrupt_callback = {&MovieMuxer::InterruptCallback, this};
-
   // Codecs.
   AVCodecID video_codec = oc_->oformat->video_codec;
   AVCodecID audio_codec = oc_->oformat->audio_codec;
-  AVDictionary* io_opts = nullptr;
   if (rtmp || rtsp) {
     video_codec = AV_CODEC_ID_H264;
     audio_codec = rtmp ? AV_CODEC_ID_AAC : AV_CODEC_ID_OPUS;
-    if (info.timeout_sec > 0) {
-      const int64_t us = int64_t{info.timeout_sec} * 1000000;
-      if (rtsp) av_opt_set_int(oc_->priv_data, "timeout", us, 0);
-      if (rtmp) av_dict_set_int(&io_opts, "rw_timeout", us, 0);
-    }
   }
-  if (rtsp) {
-    av_opt_set(oc_->priv_data, "rtsp_transport", "tcp", 0);
-    oc_->max_interleave_delta = 1000000;
-  }
+  // The transport and the time-outs of network outputs are set where the
+  // output is opened (OpenOutputIo).
+  if (rtsp) oc_->max_interleave_delta = 1000000;
   if (info.disable_video) video_codec = AV_CODEC_ID_NONE;
   if (info.disable_audio) audio_codec = AV_CODEC_ID_NONE;
 
+  writer_->set_network_io(info.timeout_sec, &io_);
   writer_->create_other_writers(info.other_urls);
 
   try {
@@ -179,7 +170,6 @@ void MovieMuxer::Open(MovieInfo& info) {
     if (has_video_) video_enc_->open(oc_, vcodec, &video_st_, opts_, info);
     if (has_audio_) audio_enc_->open(oc_, acodec, &audio_st_, opts_, info);
   } catch (const EncoderError& e) {
-    av_dict_free(&io_opts);
     info.hardware = false;
     audio_enc_.reset();
     video_enc_.reset();
@@ -189,15 +179,13 @@ void MovieMuxer::Open(MovieInfo& info) {
   if (!has_audio_) audio_enc_.reset();
 
   av_dump_format(oc_, 0, info.url, 1);
-  if (!(oc_->oformat->flags & AVFMT_NOFILE)) {
-    const int r = avio_open2(&oc_->pb, info.url, AVIO_FLAG_WRITE, &oc_->interrupt_callback, &io_opts);
-    av_dict_free(&io_opts);
-    if (r < 0) {
-      ZEVA_LOG(kLogError, "Could not open '%s': %s", info.url, av_error_text(r));
-      throw ZVException(11, "Could not open url");
-    }
+  // Opens the file or connects to the server, under the time-out; a stop
+  // that overtakes the start interrupts a connect in progress.
+  const int opened_io = OpenOutputIo(oc_, info.url, info.timeout_sec, &io_);
+  if (opened_io < 0) {
+    ZEVA_LOG(kLogError, "Could not open '%s': %s", info.url, av_error_text(opened_io));
+    throw ZVException(11, "Could not open url");
   }
-  av_dict_free(&io_opts);
 
   ZEVA_LOG(kLogError, "@@-- moov: %s", info.moov_url);
   const WriterResult opened = writer_->open(oc_, info.meta_info, info.moov_url);
@@ -432,12 +420,12 @@ bool MovieMuxer::stop() {
   ZEVA_LOG(kLogInfo, "begin ...");
   start_->exited = true;
   // The start thread gives up at its next check; a connect it is blocked in
-  // is interrupted through the output's interrupt callback, for as long as
-  // we wait for it. The output's later I/O (the trailer) is not interrupted.
+  // is interrupted, for as long as we wait for it. Outputs it has opened
+  // meanwhile still get their trailers below.
   if (start_->thread.joinable()) {
-    interrupt_io_ = true;
+    io_.Trigger();
     start_->thread.join();
-    interrupt_io_ = false;
+    io_.Reset();
   }
   AVFormatContext* oc = oc_;
   if (oc == nullptr) {
@@ -446,6 +434,11 @@ bool MovieMuxer::stop() {
   }
   if (not_running_) ZEVA_LOG(kLogInfo, "end begin... ======  maybe start rtmp thread blocking ..");
   not_running_ = true;
+  // Network outputs may deliver what is queued, the trailer and the goodbye
+  // to the server; a server gone silent cannot hold stop (or the flush,
+  // which may wait for room in a queue) any longer.
+  const int timeout_sec = start_->info.timeout_sec;
+  io_.TriggerAfter(int64_t{timeout_sec > 0 ? timeout_sec : kStopGraceSec} * 1000000);
 
   if (audio_enc_) (void)audio_enc_->encode(oc, &audio_st_, nullptr);
   if (video_enc_) (void)video_enc_->encode(oc, &video_st_, nullptr);
@@ -473,6 +466,7 @@ bool MovieMuxer::stop() {
   }
   avformat_free_context(oc);
   oc_ = nullptr;
+  io_.Reset();
   ZEVA_LOG(kLogInfo, "--- free ctx OK.");
   start_.reset();
   return true;

@@ -16,6 +16,7 @@ extern "C" {
 
 #include "encode/movie_base.h"
 #include "encode/output_stream.h"
+#include "output/network_io.h"
 #include "zeva/movie_info.h"
 
 struct AVCodec;
@@ -55,7 +56,9 @@ class MovieMuxer : public MovieBase {
   // Flushes the encoders, stops the writer chain (trailers written, threads
   // joined) and closes the output. Overtakes a start still running: that
   // start gives up, and a network connect it is blocked in is interrupted.
-  // Returns true. Host thread.
+  // Network outputs get `timeout_sec` (5 s when 0) to deliver what is
+  // queued; then their I/O is aborted, so stop never hangs on a server.
+  // Files always get their trailer. Returns true. Host thread.
   bool stop();
 
   // The working settings: those given to start, replaced by the ones the
@@ -85,7 +88,6 @@ class MovieMuxer : public MovieBase {
   void ConfigureVideo(AVCodecContext* c, const AVCodec* codec, MovieInfo& info,
                       const char* hw_name);
   void ConfigureAudio(AVCodecContext* c, const AVCodec* codec, MovieInfo& info);
-  static int InterruptCallback(void* opaque);
 
   std::unique_ptr<AudioEnc> audio_enc_;
   std::unique_ptr<VideoEnc> video_enc_;
@@ -100,7 +102,7 @@ class MovieMuxer : public MovieBase {
   AVRational video_tb_{0, 1};  // codec time bases, kept past stop
   AVRational audio_tb_{0, 1};
   std::atomic<bool> not_running_{true};
-  std::atomic<bool> interrupt_io_{false};  // while stop waits for the start thread
+  IoInterrupt io_;  // every network output of the recording
   int64_t last_video_pts_ = -1;  // codec time base
   int64_t last_audio_pts_ = -1;
   std::unique_ptr<StartRecord> start_;

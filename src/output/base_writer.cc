@@ -26,7 +26,8 @@ WriterResult BaseWriter::WriteHeaderWithMeta(AVFormatContext* oc, const char* me
   // The metadata dictionary doubles as the options: pairs that name muxer
   // options (say "movflags:faststart") configure the muxer and leave it.
   const int r = writer ? writer->WriteHeader(&oc->metadata) : avformat_write_header(oc, &oc->metadata);
-  if (r < 0) return {r, av_error_text(r), true};
+  // Named by its URL: a further output's failure fails the whole start.
+  if (r < 0) return {r, std::string(av_error_text(r)) + ", " + (oc->url ? oc->url : ""), true};
   return {1, "", false};
 }
 

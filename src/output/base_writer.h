@@ -12,6 +12,8 @@ struct AVRational;
 
 namespace zeva {
 
+class IoInterrupt;
+
 // Reports an output's failure: (code, message, user).
 using WriterErrorCallback = void (*)(int code, const char* message, void* user);
 
@@ -45,6 +47,13 @@ class BaseWriter {
     error_cb_ = cb;
     user_ = user;
   }
+  // The network time-out of the recording (seconds, 0 for none) and the hook
+  // that aborts its network I/O (not owned; must outlive every output), for
+  // the outputs this writer opens itself. Call before create_other_writers.
+  void set_network_io(int timeout_sec, IoInterrupt* io) {
+    timeout_sec_ = timeout_sec;
+    io_ = io;
+  }
   AVFormatContext* context() const { return oc_; }
   // Presentation time in seconds of the last packet accepted.
   double movie_time() const { return movie_time_; }
@@ -56,6 +65,8 @@ class BaseWriter {
 
   WriterErrorCallback error_cb_ = nullptr;
   void* user_ = nullptr;
+  int timeout_sec_ = 0;
+  IoInterrupt* io_ = nullptr;
   AVFormatContext* oc_ = nullptr;
   double movie_time_ = 0;
 };

@@ -10,6 +10,7 @@ extern "C" {
 }
 
 #include "log/logger.h"
+#include "output/network_io.h"
 #include "platform/av_error.h"
 
 namespace zeva {
@@ -38,7 +39,8 @@ UrlKind ClassifyUrl(const char* url) {
   return UrlKind::kOther;
 }
 
-WriterResult CloneOutputContext(const AVFormatContext* main, const char* url, OutputFormatPtr* out) {
+WriterResult CloneOutputContext(const AVFormatContext* main, const char* url, int timeout_sec,
+                                IoInterrupt* io, OutputFormatPtr* out) {
   if (main == nullptr || url == nullptr || *url == '\0') return Fail(-1, "clone: invalid paramters");
 
   AVFormatContext* raw = nullptr;
@@ -47,9 +49,12 @@ WriterResult CloneOutputContext(const AVFormatContext* main, const char* url, Ou
       return Fail(-2, std::string("Could not create output context: ") + url);
     }
   } else {
-    const AVOutputFormat* fmt = ClassifyUrl(url) == UrlKind::kRtmp
-                                    ? av_guess_format("flv", nullptr, nullptr)
-                                    : av_guess_format(nullptr, url, nullptr);
+    // Stream URLs name no container; their protocol decides it, as for the
+    // main output.
+    const UrlKind kind = ClassifyUrl(url);
+    const AVOutputFormat* fmt = kind == UrlKind::kRtmp   ? av_guess_format("flv", nullptr, nullptr)
+                                : kind == UrlKind::kRtsp ? av_guess_format("rtsp", nullptr, nullptr)
+                                                         : av_guess_format(nullptr, url, nullptr);
     if (fmt == nullptr) return Fail(-3, "guss format is null");
     const int r = avformat_alloc_output_context2(&raw, fmt, nullptr, url);
     if (r < 0 || raw == nullptr) {
@@ -73,12 +78,10 @@ WriterResult CloneOutputContext(const AVFormatContext* main, const char* url, Ou
   }
 
   av_dump_format(oc.get(), 0, url, 1);
-  if (!(oc->oformat->flags & AVFMT_NOFILE)) {
-    const int r = avio_open(&oc->pb, url, AVIO_FLAG_WRITE);
-    if (r < 0) {
-      ZEVA_LOG(kLogError, "Error ###: res=%d, %s\n", r, av_error_text(r));
-      return Fail(-6, std::string("io open failed: ") + av_error_text(r) + ", " + url);
-    }
+  const int r = OpenOutputIo(oc.get(), url, timeout_sec, io);
+  if (r < 0) {
+    ZEVA_LOG(kLogError, "Error ###: res=%d, %s\n", r, av_error_text(r));
+    return Fail(-6, std::string("io open failed: ") + av_error_text(r) + ", " + url);
   }
   *out = std::move(oc);
   return {};

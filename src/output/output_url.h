@@ -12,6 +12,8 @@ struct AVFormatContext;
 
 namespace zeva {
 
+class IoInterrupt;
+
 enum class UrlKind : int { kNone = -1, kMp4 = 0, kM3u8 = 1, kRtmp = 2, kRtsp = 3, kOther = 100 };
 
 // Case-insensitive, tested in this order: ends in ".mp4", ends in ".m3u8",
@@ -33,9 +35,12 @@ struct WriterResult {
 // Builds an output context for `url` with one stream per stream of `main`
 // (codec parameters and time base copied, codec tag cleared) and opens its
 // I/O unless the format does its own. URLs of the same kind as the main one
-// reuse its container format; otherwise "rtmp://" is FLV and anything else is
-// guessed from the URL. On success `*out` owns the new context.
-WriterResult CloneOutputContext(const AVFormatContext* main, const char* url, OutputFormatPtr* out);
+// reuse its container format; otherwise "rtmp://" is FLV, "rtsp://" is RTSP
+// and anything else is guessed from the URL. A network URL connects under `timeout_sec` (0: none)
+// with `io`'s hook (may be null; must outlive the context). On success
+// `*out` owns the new context.
+WriterResult CloneOutputContext(const AVFormatContext* main, const char* url, int timeout_sec,
+                                IoInterrupt* io, OutputFormatPtr* out);
 
 // Sets every "key:value" item of the ";"-separated `text` in `*dict` (items
 // without ":" or with an empty key are skipped), echoing them on standard

@@ -49,6 +49,7 @@ void ZV_AVWriter::create_other_writers(const char* const* urls) {
     room += kInterleaveStepPerWriter;
     last->next_ = std::make_unique<ZV_AVWriter>(max, room, urls[i]);
     last->next_->prev_ = last;
+    last->next_->set_network_io(timeout_sec_, io_);
     last = last->next_.get();
   }
   ZEVA_LOG(kLogDebug, "@@------------------ create other writers -------OK");
@@ -60,7 +61,8 @@ WriterResult ZV_AVWriter::open(AVFormatContext* oc, const char* meta_info, const
     if (prev_ == nullptr) {
       oc_ = oc;
     } else {
-      WriterResult r = zeva::CloneOutputContext(oc, has_url_ ? url_.c_str() : nullptr, &own_oc_);
+      WriterResult r = zeva::CloneOutputContext(oc, has_url_ ? url_.c_str() : nullptr,
+                                                timeout_sec_, io_, &own_oc_);
       if (r.failed) return r;
       oc_ = own_oc_.get();
     }
@@ -216,7 +218,9 @@ void ZV_AVWriter::ReportWriteError(int code) {
   const char* text = zeva::av_error_text(code);
   ZEVA_LOG(kLogError, "[Write Pkt Err] (cache=%d, max=%d), err=%d, errmsg=%s", queue_.nb_packets(),
            static_cast<int>(maxNpkt_), code, text);
-  if (error_cb_ != nullptr) error_cb_(code, text, user_);
+  // A recording may have four outputs: the report names the one that failed.
+  const std::string message = std::string(text) + ", " + url_;
+  if (error_cb_ != nullptr) error_cb_(code, message.c_str(), user_);
 }
 
 }  // namespace ZV

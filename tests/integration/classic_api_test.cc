@@ -23,137 +23,18 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
+#include "support/classic_host.h"
 #include "support/files.h"
 #include "support/probe.h"
 
 namespace fs = std::filesystem;
 using zeva::test::Probe;
 using zeva::test::ProbeResult;
+using zeva::test::Host;
+using zeva::test::Settings;
+using zeva::test::Status;
 
 namespace {
-
-struct Status {
-  int code = -1000;
-  std::string message;
-  static void Callback(int code, const char* message, void* user) {
-    auto* s = static_cast<Status*>(user);
-    if (s->code != 0 || code != 0) {  // keep the first failure
-      s->code = code;
-      s->message = message;
-    }
-  }
-};
-
-MovieInfo Settings(const std::string& url, int w, int h) {
-  MovieInfo info{};
-  std::snprintf(info.url, sizeof info.url, "%s", url.c_str());
-  info.audio_bitrate = 128;
-  info.src_sample_rate = 44100;
-  info.sample_rate = 48000;
-  info.channels = 2;
-  info.sample_fmt = AV_SAMPLE_FMT_S16;
-  info.video_bitrate = 2000;
-  info.width = info.src_width = w;
-  info.height = info.src_height = h;
-  info.fps = 30;
-  info.gop_size = 60;
-  info.src_pix_fmt = AV_PIX_FMT_BGRA;
-  info.pix_fmt = AV_PIX_FMT_YUV420P;
-  info.colorspace = 2;
-  info.preset = QL_ULTRAFAST;
-  info.tune = TL_ZEROLATENCY;
-  return info;
-}
-
-// A host recording faster than real time: its stamps are the library's clock
-// at start plus media time, plus the real time it spent paused.
-class Host {
- public:
-  explicit Host(const MovieInfo& info, MovieInfo* effective = nullptr) : info_(info) {
-    h_ = ZEVA_start(info, &Status::Callback, &status_, effective, false);
-    base_ = ZEVA_current_sys_usec();
-    const int bpp = info.src_pix_fmt == AV_PIX_FMT_YUV420P ? 2 : 4;  // YUV: 1.5, rounded up
-    stride_ = info.src_width * (bpp == 4 ? 4 : 1);
-    picture_.resize(static_cast<size_t>(stride_) * info.src_height * (bpp == 4 ? 1 : 2));
-  }
-  ~Host() { ZEVA_stop(&h_); }
-  void* handle() const { return h_; }
-  const Status& status() const { return status_; }
-
-  // Feeds pictures and 10 ms PCM chunks, in time order, from the media time
-  // reached so far up to `until_s`; with `skip`, the time passes unfed.
-  void FeedUntil(double until_s, bool skip = false) {
-    const int64_t until_us = static_cast<int64_t>(until_s * 1e6);
-    while (true) {
-      const int64_t next_video = frames_ * 1000000 / info_.fps;
-      const int64_t next_audio = samples_ * 1000000 / info_.src_sample_rate;
-      const int64_t next = std::min(next_video, next_audio);
-      if (next >= until_us) break;
-      if (next_video <= next_audio) {
-        if (!skip) {
-          Draw(frames_);
-          accepted_video_ += ZEVA_write_video_bgra(h_, picture_.data(), int(picture_.size()),
-                                                   Stamp(next_video), stride_);
-        }
-        ++frames_;
-      } else {
-        const int n = info_.src_sample_rate / 100;
-        if (!skip) {
-          Tone(n);
-          ZEVA_write_audio_pcm(h_, pcm_.data(), int(pcm_.size() * sizeof(int16_t)), Stamp(next_audio));
-        }
-        samples_ += n;
-      }
-    }
-  }
-  // Pause for `real_ms` of real time while the media clock moves on by the
-  // same (measured) amount, as a live host's would.
-  void PauseFor(int real_ms) {
-    const int64_t t0 = ZEVA_current_sys_usec();
-    ASSERT_TRUE(ZEVA_pause(h_));
-    EXPECT_TRUE(ZEVA_is_paused(h_));
-    Draw(0);
-    EXPECT_FALSE(ZEVA_write_video_bgra(h_, picture_.data(), int(picture_.size()),
-                                       ZEVA_current_sys_usec(), stride_));  // refused while paused
-    std::this_thread::sleep_for(std::chrono::milliseconds(real_ms));  // the host's pause
-    ASSERT_TRUE(ZEVA_resume(h_));
-    paused_us_ += ZEVA_current_sys_usec() - t0;
-  }
-  // Silence: no PCM until `until_s`, then one null call that fills the gap.
-  void SilenceUntil(double until_s) {
-    const int64_t until_us = static_cast<int64_t>(until_s * 1e6);
-    while (frames_ * 1000000 / info_.fps < until_us) {
-      Draw(frames_);
-      ZEVA_write_video_bgra(h_, picture_.data(), int(picture_.size()),
-                            Stamp(frames_ * 1000000 / info_.fps), stride_);
-      ++frames_;
-    }
-    samples_ = until_us * info_.src_sample_rate / 1000000;
-    ZEVA_write_audio_pcm(h_, nullptr, 0, Stamp(until_us));
-  }
-  int accepted_video() const { return accepted_video_; }
-
- private:
-  int64_t Stamp(int64_t media_us) const { return base_ + media_us + paused_us_; }
-  void Draw(int64_t n) {
-    for (size_t i = 0; i < picture_.size(); i += 64) picture_[i] = uint8_t(i / 64 + 3 * n);
-  }
-  void Tone(int n) {
-    pcm_.resize(static_cast<size_t>(n) * 2);
-    for (int i = 0; i < n; ++i) {
-      const auto v = int16_t(6000 * std::sin(2 * M_PI * 440.0 * double(samples_ + i) / info_.src_sample_rate));
-      pcm_[2 * i] = pcm_[2 * i + 1] = v;
-    }
-  }
-
-  MovieInfo info_;
-  Status status_;
-  void* h_ = nullptr;
-  int64_t base_ = 0, paused_us_ = 0, frames_ = 0, samples_ = 0;
-  int stride_ = 0, accepted_video_ = 0;
-  std::vector<uint8_t> picture_;
-  std::vector<int16_t> pcm_;
-};
 
 // Start and end times of both streams, in seconds.
 struct Span { double v0, v1, a0, a1; };
@@ -218,7 +99,7 @@ TEST_F(ClassicApi, RecordsTenSecondsToEveryContainerAtOnce) {
   MovieInfo effective{};
   {
     Host host(info, &effective);
-    ASSERT_EQ(host.status().code, 0) << host.status().message;
+    ASSERT_EQ(host.status().Get().code, 0) << host.status().Get().message;
     EXPECT_EQ(effective.sample_rate, 48000);
     host.FeedUntil(10.0);
     EXPECT_GT(ZEVA_movie_time(host.handle()), 9'900'000);
@@ -235,7 +116,7 @@ TEST_F(ClassicApi, FlvAndTsAsMainOutputs) {
     MovieInfo effective{};
     {
       Host host(Settings(url, 320, 240), &effective);
-      ASSERT_EQ(host.status().code, 0) << host.status().message;
+      ASSERT_EQ(host.status().Get().code, 0) << host.status().Get().message;
       host.FeedUntil(10.0);
     }
     MovieInfo got{};
@@ -394,8 +275,8 @@ TEST_F(ClassicApi, FailedStartIsReportedAndRefusesFrames) {
   Status status;
   void* h = ZEVA_start(info, &Status::Callback, &status, nullptr, false);
   ASSERT_NE(h, nullptr);
-  EXPECT_EQ(status.code, 11);
-  EXPECT_EQ(status.message, "Could not open url");
+  EXPECT_EQ(status.Get().code, 11);
+  EXPECT_EQ(status.Get().message, "Could not open url");
   MovieInfo got{};
   EXPECT_FALSE(ZEVA_get_mInfo(h, &got));
   std::vector<uint8_t> picture(320 * 240 * 4);

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The zeva program as a user runs it: a recording checked with ffprobe, its
-# help, and its exit codes for bad arguments and an output it cannot open.
+# help, its exit codes for bad arguments and an output it cannot open, a
+# server that never answers, and Ctrl-C and SIGTERM.
 # Usage: zeva_tool_test.sh path/to/zeva
 set -euo pipefail
 zeva=$1
@@ -20,7 +21,7 @@ probe() { ffprobe -v error -select_streams "$2" -count_packets \
 head -c 16 "$dir/t.moov" | grep -q '^## version=2' || fail "no index"
 
 # Every help names every option of its command.
-record_opts='--seconds --size --fps --index --also --help'
+record_opts='--seconds --size --fps --index --also --timeout --help'
 for args in "--help" "record --help" "record x.mp4 -h" "repair --help" "--version"; do
   "$zeva" $args > "$dir/help.txt" 2>&1 || fail "zeva $args exited $?"
 done
@@ -46,10 +47,59 @@ usage_error record
 usage_error record "$dir/x.mp4" --size 12
 usage_error record "$dir/x.mp4" --bogus 1
 usage_error record "$dir/x.mp4" --fps
+usage_error record "$dir/x.mp4" --timeout -1
 usage_error repair a b
 usage_error repair --bogus a b c
 [ ! -e "$dir/x.mp4" ] || fail "a usage error still recorded"
 "$zeva" record "$dir/no/such/dir.mp4" --seconds 1 > /dev/null 2> "$dir/err2.txt"
 [ $? -eq 1 ] || fail "unopenable output should exit 1"
 grep -q "code 11" "$dir/err2.txt" || fail "no code 11 report: $(tail -2 "$dir/err2.txt")"
+
+# A server that accepts connections and then never answers; it logs a line
+# per client.
+python3 -c '
+import socket, sys
+s = socket.socket(); s.bind(("127.0.0.1", 0)); s.listen(8)
+open(sys.argv[1], "w").write(str(s.getsockname()[1]))
+held = []
+while True:
+    held.append(s.accept()[0])
+    open(sys.argv[2], "a").write("client\n")
+' "$dir/silent.port" "$dir/silent.log" &
+silent_pid=$!
+trap 'kill $silent_pid 2>/dev/null; rm -rf "$dir"' EXIT
+# Polls for an outside event, 10 s at most: `until_true CMD...`.
+until_true() { for _ in $(seq 100); do "$@" && return 0; sleep 0.1; done; return 1; }
+clients() { [ "$(cat "$dir/silent.log" 2>/dev/null | wc -l)" -ge "$1" ]; }
+until_true test -s "$dir/silent.port" || fail "the silent server did not start"
+silent="rtmp://127.0.0.1:$(cat "$dir/silent.port")/live/x"
+
+# Given up on within the time-out, naming the output; exit status 1.
+t0=$SECONDS
+timeout 60 "$zeva" record "$dir/s.mp4" --seconds 1 --size 320x240 --also "$silent" --timeout 1 \
+  > /dev/null 2> "$dir/err3.txt"
+rc=$?
+[ $rc -eq 1 ] || fail "silent --also exited $rc, want 1"
+grep -q "$silent" "$dir/err3.txt" || fail "report does not name the output: $(tail -2 "$dir/err3.txt")"
+[ $((SECONDS - t0)) -lt 15 ] || fail "--timeout 1 took $((SECONDS - t0)) s"
+
+# The first signal ends the program within seconds: SIGINT while the silent
+# server holds the start without a time-out, SIGTERM while a file records.
+ends_on() {  # SIGNAL STATUS: signals the running $pid and checks how it ends
+  kill -"$1" $pid
+  until_true eval '! kill -0 $pid 2>/dev/null' || { kill -9 $pid; fail "SIG$1 did not end zeva"; }
+  wait $pid
+  local rc=$?
+  [ $rc -eq "$2" ] || fail "zeva ended by SIG$1 exited $rc, want $2"
+}
+"$zeva" record "$dir/i.mp4" --seconds 600 --size 320x240 --also "$silent" --timeout 0 \
+  > /dev/null 2> "$dir/err4.txt" &
+pid=$!
+until_true clients 2 || fail "zeva never connected to the silent server"
+ends_on INT 130
+"$zeva" record "$dir/term.mp4" --seconds 600 --size 320x240 > /dev/null 2> "$dir/err5.txt" &
+pid=$!
+until_true test -s "$dir/term.mp4" || fail "no recording started"
+ends_on TERM 143
+[ -n "$(probe "$dir/term.mp4" v)" ] || fail "the interrupted recording does not play"
 echo "zeva tool ok"

@@ -1,9 +1,8 @@
 #include "support/rtmp_server.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include "support/loopback.h"
+
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,31 +14,7 @@ namespace zeva::test {
 namespace {
 
 constexpr const char* kModule = "/usr/lib/nginx/modules/ngx_rtmp_module.so";
-
-int FreePort() {
-  const int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  int port = 0;
-  if (bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-      getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-    port = ntohs(a.sin_port);
-  close(s);
-  return port;
-}
-
-bool Accepts(int port) {
-  const int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const bool ok = connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-  close(s);
-  return ok;
-}
+constexpr const char* kNginx = "/usr/sbin/nginx";
 
 // Counts lines of nginx's log that contain `what`.
 int CountInLog(const std::string& log, const char* what) {
@@ -52,8 +27,10 @@ int CountInLog(const std::string& log, const char* what) {
 
 }  // namespace
 
-RtmpServer::RtmpServer(const std::string& dir) : dir_(dir), port_(FreePort()) {
-  if (port_ == 0 || access(kModule, R_OK) != 0) return;
+bool RtmpServer::Available() { return access(kModule, R_OK) == 0 && access(kNginx, X_OK) == 0; }
+
+RtmpServer::RtmpServer(const std::string& dir) : dir_(dir), port_(FreeLoopbackPort()) {
+  if (port_ == 0 || !Available()) return;
   const std::string conf = dir_ + "/nginx.conf";
   std::ofstream(conf) << "load_module " << kModule << ";\n"
                       << "daemon off; master_process off;\n"
@@ -65,16 +42,19 @@ RtmpServer::RtmpServer(const std::string& dir) : dir_(dir), port_(FreePort()) {
                       << "; record_unique off; } } }\n";
   pid_ = fork();
   if (pid_ == 0) {
-    execl("/usr/sbin/nginx", "nginx", "-q", "-p", dir_.c_str(), "-c", conf.c_str(),
+    execl(kNginx, "nginx", "-q", "-p", dir_.c_str(), "-c", conf.c_str(),
           static_cast<char*>(nullptr));
     _exit(127);
   }
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!Accepts(port_)) {
+  while (!IsListening(port_)) {
     int status;
-    if (waitpid(pid_, &status, WNOHANG) == pid_ || std::chrono::steady_clock::now() > deadline) {
-      Stop();
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
       pid_ = -1;
+      return;
+    }
+    if (std::chrono::steady_clock::now() > deadline) {
+      Kill();
       return;
     }
     // Polling an external process that offers nothing to wait on.
@@ -103,17 +83,12 @@ void RtmpServer::Stop() {
          std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  kill(pid_, SIGQUIT);  // graceful: finishes the recordings
-  deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  int status;
-  while (waitpid(pid_, &status, WNOHANG) != pid_) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, &status, 0);
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  EndChild(pid_, SIGQUIT, 10);  // SIGQUIT is graceful: it finishes the recordings
+  pid_ = -1;
+}
+
+void RtmpServer::Kill() {
+  EndChild(pid_, SIGKILL, 10);
   pid_ = -1;
 }
 

@@ -10,6 +10,8 @@ namespace zeva::test {
 
 class RtmpServer {
  public:
+  // Whether nginx and its RTMP module are installed (scripts/bootstrap).
+  static bool Available();
   // Starts the server in `dir` and waits (at most 10 s) until it accepts
   // connections; ok() tells whether it did.
   explicit RtmpServer(const std::string& dir);
@@ -21,6 +23,8 @@ class RtmpServer {
   std::string RecordPath(const std::string& name) const;
   // Graceful stop (recordings are closed), bounded to 10 s, then SIGKILL.
   void Stop();
+  // Dies at once, as a crashed server does: its connections are reset.
+  void Kill();
 
  private:
   std::string dir_;
