@@ -9,6 +9,7 @@ extern "C" {
 }
 
 #include "log/logger.h"
+#include "output/network_io.h"
 #include "output/output_url.h"
 #include "packet/aac_encoder.h"
 #include "packet/aac_to_opus.h"
@@ -18,10 +19,6 @@ namespace zeva {
 namespace {
 
 bool IsUnset(int64_t begin) { return begin == -1 || begin == -2; }
-
-bool IsNetworkUrl(const std::string& url) {
-  return StartsWithNoCase(url.c_str(), "rtsp://") || StartsWithNoCase(url.c_str(), "rtmp://");
-}
 
 }  // namespace
 
@@ -199,7 +196,7 @@ void AVMux::stop() {
 
 void AVMux::WorkerMain() {
   bool network = false;
-  for (const std::string& url : urls_) network = network || IsNetworkUrl(url);
+  for (const std::string& url : urls_) network = network || IsNetworkUrl(url.c_str());
   if (network) {
     static std::once_flag once;
     std::call_once(once, [] { avformat_network_init(); });

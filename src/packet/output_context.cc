@@ -16,7 +16,6 @@ extern "C" {
 #include "output/packet_writer.h"
 #include "packet/aac_to_opus.h"
 #include "platform/av_error.h"
-#include "platform/clock.h"
 
 namespace zeva {
 namespace {
@@ -48,11 +47,6 @@ OutputContext::OutputContext() {
 
 OutputContext::~OutputContext() { close(); }
 
-int OutputContext::InterruptCallback(void* opaque) {
-  const int64_t at = static_cast<const OutputContext*>(opaque)->interrupt_at_us_.load();
-  return at > 0 && sys_usec() >= at ? 1 : 0;
-}
-
 Status OutputContext::open(const AVStream* video_stream, const AVStream* audio_stream,
                            const char* url, const char* snapshot_path, const char* meta,
                            int timeout_sec, ErrorHandler on_error) {
@@ -60,8 +54,9 @@ Status OutputContext::open(const AVStream* video_stream, const AVStream* audio_s
   on_error_ = std::move(on_error);
   ZEVA_LOG(kLogInfo, "Output: %s", url_.c_str());
   const bool rtsp = StartsWithNoCase(url_.c_str(), "rtsp://");
-  network_ = rtsp || StartsWithNoCase(url_.c_str(), "rtmp://");
-  timeout_us_ = int64_t{timeout_sec > 0 ? timeout_sec : kDefaultTimeoutSec} * 1000000;
+  network_ = IsNetworkUrl(url_.c_str());
+  if (timeout_sec <= 0) timeout_sec = kDefaultTimeoutSec;
+  timeout_us_ = int64_t{timeout_sec} * 1000000;
 
   if (snapshot_path != nullptr && *snapshot_path != '\0') {
     ZEVA_LOG(kLogInfo, "Create Snapshot for '%s': '%s'", url_.c_str(), snapshot_path);
@@ -80,15 +75,10 @@ Status OutputContext::open(const AVStream* video_stream, const AVStream* audio_s
   oc_.reset(avformat_alloc_context());
   if (!oc_) return Status::Error(AVERROR(ENOMEM), "out of memory: " + url_);
   oc_->oformat = format;
-  oc_->interrupt_callback = {&OutputContext::InterruptCallback, this};
 
   // The metadata dictionary doubles as the header's options: what the muxer
   // does not consume stays as metadata.
   ParseMetaInfo(meta, &oc_->metadata);
-  if (rtsp) {
-    av_dict_set(&oc_->metadata, "rtsp_transport", "tcp", 0);
-    av_dict_set_int(&oc_->metadata, "timeout", timeout_us_, 0);
-  }
   if ((rtsp || force_opus_) && audio_stream != nullptr &&
       audio_stream->codecpar->codec_id == AV_CODEC_ID_AAC) {
     transcoder_ = std::make_unique<AacToOpus>();
@@ -126,16 +116,11 @@ Status OutputContext::open(const AVStream* video_stream, const AVStream* audio_s
   oc_->url = av_strdup(url_.c_str());
   av_dump_format(oc_.get(), 0, url_.c_str(), 1);
 
-  if (!(format->flags & AVFMT_NOFILE)) {
-    AVDictionary* io_opts = nullptr;
-    if (network_) av_dict_set_int(&io_opts, "rw_timeout", timeout_us_, 0);
-    const int r = avio_open2(&oc_->pb, url_.c_str(), AVIO_FLAG_WRITE, &oc_->interrupt_callback,
-                             &io_opts);
-    av_dict_free(&io_opts);
-    if (r < 0) {
-      ZEVA_LOG(kLogError, "(%d)%s", r, av_error_text(r));
-      return Status::Error(-32, Format("Failed to open I/O for '%s'", url_.c_str()));
-    }
+  // Connecting and every later read or write of a network output wait at
+  // most the time-out; close() can cut the drain short through io_.
+  if (const int r = OpenOutputIo(oc_.get(), url_.c_str(), timeout_sec, &io_); r < 0) {
+    ZEVA_LOG(kLogError, "(%d)%s", r, av_error_text(r));
+    return Status::Error(-32, Format("Failed to open I/O for '%s'", url_.c_str()));
   }
 
   writer_ = std::make_unique<PacketWriter>(oc_.get());
@@ -189,7 +174,7 @@ void OutputContext::WriterLoop() {
       failed_ = true;
       packets_.abort();
       // A stream that failed once gets no grace for its trailer.
-      if (network_) interrupt_at_us_ = sys_usec();
+      if (network_) io_.Trigger();
       if (on_error_) on_error_(r, text);
       break;
     }
@@ -210,7 +195,7 @@ void OutputContext::close() {
     AVPacket* end = nullptr;
     (void)packets_.push(end, kUnbounded, false, 0);
     // A stream that cannot drain within its time-out is cut off.
-    if (network_) interrupt_at_us_ = sys_usec() + timeout_us_;
+    if (network_) io_.TriggerAfter(timeout_us_);
     thread_.join();
   }
   transcoder_.reset();

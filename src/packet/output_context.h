@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "output/network_io.h"
 #include "packet/blocking_queue.h"
 #include "packet/status.h"
 #include "platform/av_ptr.h"
@@ -75,7 +76,6 @@ class OutputContext {
   bool failed() const { return failed_.load(); }
 
  private:
-  static int InterruptCallback(void* opaque);
   void WriterLoop();
 
   std::string url_;
@@ -91,8 +91,7 @@ class OutputContext {
   bool network_ = false;
   bool force_opus_ = false;
   int64_t timeout_us_ = 0;
-  // Network I/O gives up once the monotonic clock passes this (0: never).
-  std::atomic<int64_t> interrupt_at_us_{0};
+  IoInterrupt io_;  // installed on network outputs only
   std::atomic<bool> failed_{false};
 };
 

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "support/classic_host.h"
+#include "support/live_peer.h"
 #include "support/loopback.h"
 #include "support/probe.h"
 #include "support/rtmp_server.h"
@@ -22,56 +23,20 @@
 
 namespace fs = std::filesystem;
 using zeva::test::Host;
+using zeva::test::DecodeErrors;
 using zeva::test::Probe;
 using zeva::test::ProbeResult;
 using zeva::test::Settings;
 
 namespace {
 
-enum class Proto { kRtmp, kRtsp };
+using zeva::test::Peer;
+using zeva::test::Proto;
 
 double Since(std::chrono::steady_clock::time_point t0) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 }
 
-// What `ffmpeg -v error` says while decoding all of `path`; empty when clean.
-std::string DecodeErrors(const std::string& path) {
-  const std::string cmd = "ffmpeg -nostdin -v error -i '" + path + "' -f null - 2>&1";
-  std::string out;
-  if (FILE* p = popen(cmd.c_str(), "r")) {
-    char buf[512];
-    while (std::fgets(buf, sizeof buf, p) != nullptr) out += buf;
-    if (pclose(p) != 0 && out.empty()) out = "ffmpeg failed";
-  }
-  return out;
-}
-
-// The receiving end of a live output: nginx-rtmp or the RTSP receiver.
-class Peer {
- public:
-  Peer(Proto proto, const std::string& dir) {
-    if (proto == Proto::kRtmp) {
-      rtmp_ = std::make_unique<zeva::test::RtmpServer>(dir);
-    } else {
-      rtsp_ = std::make_unique<zeva::test::RtspReceiver>(dir);
-    }
-  }
-  static const char* Missing(Proto proto) {
-    if (proto == Proto::kRtmp && !zeva::test::RtmpServer::Available())
-      return "nginx with its RTMP module is not installed (scripts/bootstrap installs it)";
-    if (proto == Proto::kRtsp && !zeva::test::RtspReceiver::Available())
-      return "ffmpeg is not installed (scripts/bootstrap installs it)";
-    return nullptr;
-  }
-  bool ok() const { return rtmp_ ? rtmp_->ok() : rtsp_->ok(); }
-  std::string Url() const { return rtmp_ ? rtmp_->Url("live") : rtsp_->Url(); }
-  std::string Received() const { return rtmp_ ? rtmp_->RecordPath("live") : rtsp_->RecordPath(); }
-  void Stop() { rtmp_ ? rtmp_->Stop() : rtsp_->Stop(); }
-
- private:
-  std::unique_ptr<zeva::test::RtmpServer> rtmp_;
-  std::unique_ptr<zeva::test::RtspReceiver> rtsp_;
-};
 
 class ClassicLiveBase {
  protected:

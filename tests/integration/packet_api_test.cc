@@ -17,13 +17,18 @@
 #include <vector>
 
 #include "support/es_media.h"
+#include "support/live_peer.h"
 #include "support/probe.h"
+#include "support/silent_server.h"
+
 
 namespace {
 
 namespace fs = std::filesystem;
 using zeva::test::DecodeErrors;
 using zeva::test::EsMedia;
+using zeva::test::Peer;
+using zeva::test::Proto;
 using zeva::test::Probe;
 using zeva::test::ProbeResult;
 using zeva::test::TestStreams;
@@ -415,6 +420,122 @@ TEST_F(PacketApi, AFailingFurtherOutputIsReportedByName) {
       EXPECT_GT(refused, 0);
     }
   }
+}
+
+// ---- Live outputs: real servers, one that never answers, one that dies.
+
+struct LiveCase {
+  const char* name;
+  Proto proto;
+  bool further;
+  int timeout_sec;
+};
+std::string CaseName(const ::testing::TestParamInfo<LiveCase>& info) { return info.param.name; }
+
+class PacketLive : public PacketApi, public ::testing::WithParamInterface<LiveCase> {};
+
+// What the server receives decodes cleanly, with the protocol's codecs
+// (AAC over RTMP, Opus over RTSP) and the length sent.
+TEST_P(PacketLive, ServerReceivesWhatWasSent) {
+  const LiveCase c = GetParam();
+  if (const char* missing = Peer::Missing(c.proto)) GTEST_SKIP() << missing;
+  Peer peer(c.proto, dir_);
+  ASSERT_TRUE(peer.ok()) << "the server did not start";
+  const std::string url = peer.Url();
+  MovieInfo2 info = Info(c.further ? Path("main.mp4") : url);
+  if (c.further) info.others[0] = url.c_str();
+  info.timeout_sec = c.timeout_sec;
+  Record(info);
+  peer.Stop();
+  EXPECT_FALSE(status_.Has(-32) || status_.Has(-33)) << status_.Text();
+  const ProbeResult r = Probe(peer.Received());
+  ASSERT_TRUE(r.ok) << r.errors;
+  ASSERT_EQ(r.streams.size(), 2u);
+  EXPECT_EQ(r.streams[0].codec_name, "h264");
+  EXPECT_EQ(r.streams[1].codec_name, c.proto == Proto::kRtsp ? "opus" : "aac");
+  EXPECT_NEAR(r.duration, 2.0, 0.5);
+  EXPECT_EQ(DecodeErrors(peer.Received()), "");
+  if (c.further) ExpectAllPackets(Path("main.mp4"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, PacketLive,
+                         ::testing::Values(LiveCase{"RtmpMain", Proto::kRtmp, false, 5},
+                                           LiveCase{"RtmpFurther", Proto::kRtmp, true, 5},
+                                           LiveCase{"RtspMain", Proto::kRtsp, false, 5},
+                                           LiveCase{"RtspFurther", Proto::kRtsp, true, 5}),
+                         CaseName);
+
+// A server that accepts and never answers, as the main or a further output:
+// the failure names it, and stop returns within the time-out (0: 5 s).
+class PacketSilent : public PacketLive {};
+
+TEST_P(PacketSilent, StopIsBoundedByTheTimeOut) {
+  const LiveCase c = GetParam();
+  zeva::test::SilentServer silent;
+  ASSERT_TRUE(silent.ok());
+  const std::string url = silent.Url(c.proto == Proto::kRtmp ? "rtmp" : "rtsp");
+  MovieInfo2 info = Info(c.further ? Path("main.mp4") : url);
+  if (c.further) info.others[0] = url.c_str();
+  info.timeout_sec = c.timeout_sec;
+  void* h = ZEVA2_start(info, &StatusLog::Callback, &status_);
+  ASSERT_NE(h, nullptr);
+  const EsMedia& m = media();
+  const int64_t t0 = ZEVA_current_sys_usec();
+  for (size_t v = 0; v < m.video.size(); ++v) {
+    std::vector<uint8_t> d = m.video[v].data;
+    ZEVA2_write_video_packet(h, d.data(), int(d.size()), t0 + m.video[v].pts_us);
+  }
+  EXPECT_TRUE(silent.WaitForClient(10));
+  const auto t = std::chrono::steady_clock::now();
+  ZEVA2_stop(&h);
+  const double stop_s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
+  const int bound = c.timeout_sec > 0 ? c.timeout_sec : 5;
+  EXPECT_LT(stop_s, bound + 4.0);  // generous for a loaded machine; without a bound, never
+  EXPECT_NE(status_.Text().find(url), std::string::npos) << status_.Text();
+  std::printf("[ timing ] %s: stopped in %.2f s (timeout_sec %d)\n", c.name, stop_s, c.timeout_sec);
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, PacketSilent,
+                         ::testing::Values(LiveCase{"RtmpMain", Proto::kRtmp, false, 1},
+                                           LiveCase{"RtspMain", Proto::kRtsp, false, 1},
+                                           LiveCase{"RtmpFurther", Proto::kRtmp, true, 1},
+                                           LiveCase{"RtspFurtherDefault", Proto::kRtsp, true, 0}),
+                         CaseName);
+
+// A file with an RTMP copy whose server dies mid-recording: told to record
+// on, the failure reaches the callback naming the stream and the file keeps
+// every packet.
+TEST_F(PacketApi, ServerKilledMidRecordingLeavesTheFileComplete) {
+  if (const char* missing = Peer::Missing(Proto::kRtmp)) GTEST_SKIP() << missing;
+  zeva::test::RtmpServer server(dir_);
+  ASSERT_TRUE(server.ok()) << "the server did not start";
+  const std::string url = server.Url("live");
+  MovieInfo2 info = Info(Path("main.mp4"));
+  info.others[0] = url.c_str();
+  info.keep_recording_on_output_error = 1;
+  info.timeout_sec = 2;
+  void* h = ZEVA2_start(info, &StatusLog::Callback, &status_);
+  ASSERT_NE(h, nullptr);
+  const EsMedia& m = media();
+  const auto start = std::chrono::steady_clock::now();
+  const int64_t t0 = ZEVA_current_sys_usec();
+  size_t v = 0, a = 0;
+  int refused = 0;
+  while (v < m.video.size() || a < m.audio.size()) {
+    const bool video = v < m.video.size() && (a == m.audio.size() || m.video[v].pts_us <= m.audio[a].pts_us);
+    const zeva::test::EsPacket& p = video ? m.video[v++] : m.audio[a++];
+    // Twice real time; the server dies a third of the way in.
+    std::this_thread::sleep_until(start + std::chrono::microseconds(p.pts_us / 2));
+    if (v == m.video.size() / 3 && video) server.Kill();
+    std::vector<uint8_t> d = p.data;
+    refused += !(video ? ZEVA2_write_video_packet : ZEVA2_write_audio_packet)(
+        h, d.data(), int(d.size()), t0 + p.pts_us);
+  }
+  ZEVA2_stop(&h);
+  EXPECT_EQ(refused, 0);
+  const std::string said = status_.Text();
+  EXPECT_NE(said.find(url), std::string::npos) << said;
+  ExpectAllPackets(Path("main.mp4"));
 }
 
 }  // namespace

@@ -39,6 +39,7 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
+using zeva::test::DecodeErrors;
 using zeva::test::Probe;
 using zeva::test::ProbeResult;
 
@@ -48,16 +49,6 @@ void WriteFile(const std::string& path, const std::string& data) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
 }
 
-// ffmpeg's complaints while decoding every packet of `path`; empty when clean.
-std::string DecodeErrors(const std::string& path) {
-  std::string out;
-  if (FILE* p = popen(("ffmpeg -nostdin -v error -i '" + path + "' -f null - 2>&1").c_str(), "r")) {
-    char buf[4096];
-    for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-    pclose(p);
-  }
-  return out;
-}
 
 std::string MakeTempDir() {
   char pattern[] = "/tmp/zeva-repair-XXXXXX";

@@ -24,10 +24,6 @@ std::string RunCommand(const std::string& command) {
   return out;
 }
 
-std::string DecodeErrors(const std::string& path) {
-  return RunCommand("ffmpeg -nostdin -v error -i '" + path + "' -f null -");
-}
-
 namespace {
 
 EsMedia Make(double seconds, int fps) {

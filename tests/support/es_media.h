@@ -32,9 +32,6 @@ const EsMedia& TestStreams(double seconds = 2.0, int fps = 30);
 // output and error together.
 std::string RunCommand(const std::string& command);
 
-// ffmpeg's complaints while decoding every packet of `path`; empty when clean.
-std::string DecodeErrors(const std::string& path);
-
 }  // namespace zeva::test
 
 #endif  // ZEVA_TESTS_SUPPORT_ES_MEDIA_H

@@ -85,6 +85,17 @@ ProbeResult Probe(const std::string& path) {
   return r;
 }
 
+std::string DecodeErrors(const std::string& path) {
+  const std::string cmd = "ffmpeg -nostdin -v error -i '" + path + "' -f null - 2>&1";
+  std::string out;
+  if (FILE* p = popen(cmd.c_str(), "r")) {
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, p) != nullptr) out += buf;
+    if (pclose(p) != 0 && out.empty()) out = "ffmpeg failed";
+  }
+  return out;
+}
+
 std::vector<ProbedPacket> PacketsOf(const ProbeResult& r, int index) {
   std::vector<ProbedPacket> out;
   for (const auto& p : r.packets)

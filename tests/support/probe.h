@@ -44,6 +44,10 @@ ProbeResult Probe(const std::string& path);
 // Packets of stream `index`, in file order.
 std::vector<ProbedPacket> PacketsOf(const ProbeResult& r, int index);
 
+// What `ffmpeg -v error` says while decoding every packet of `path`; empty
+// when it decodes cleanly.
+std::string DecodeErrors(const std::string& path);
+
 }  // namespace zeva::test
 
 #endif  // ZEVA_TESTS_SUPPORT_PROBE_H
