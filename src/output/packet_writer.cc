@@ -5,11 +5,15 @@ extern "C" {
 }
 
 #include "index/snapshot.h"
+#include "log/logger.h"
 
 namespace zeva {
 namespace {
 
 constexpr AVRational kMicros{1, 1000000};
+// The most verbose level: one line per packet, formatted only when a log
+// callback or a threshold of 6 asks for it.
+constexpr int kLogPerPacket = 6;
 
 }  // namespace
 
@@ -33,7 +37,7 @@ int PacketWriter::Write(PacketPtr pkt) {
       dts == AV_NOPTS_VALUE ? INT64_MIN : av_rescale_q(dts, st->time_base, kMicros);
   interleaver_.Push(stream, dts_us, std::move(pkt));
   while (auto ready = interleaver_.PopReady()) {
-    const int r = WriteNow(std::move(ready->payload));
+    const int r = WriteNow(std::move(ready->payload), ready->dts_us);
     if (r < 0) return r;
   }
   return 0;
@@ -42,7 +46,7 @@ int PacketWriter::Write(PacketPtr pkt) {
 int PacketWriter::Flush() {
   int first_error = 0;
   while (auto next = interleaver_.Drain()) {
-    const int r = WriteNow(std::move(next->payload));
+    const int r = WriteNow(std::move(next->payload), next->dts_us);
     if (r < 0 && first_error == 0) first_error = r;
   }
   return first_error;
@@ -54,7 +58,9 @@ int PacketWriter::WriteTrailer() {
   return flushed < 0 ? flushed : r;
 }
 
-int PacketWriter::WriteNow(PacketPtr pkt) {
+int PacketWriter::WriteNow(PacketPtr pkt, int64_t dts_us) {
+  ZEVA_LOG(kLogPerPacket, "write packet: stream=%d, dts=%lld us", pkt->stream_index,
+           static_cast<long long>(dts_us));
   if (snapshot_ != nullptr) snapshot_->on_packet(oc_, pkt.get());
   // av_write_frame leaves the packet with us; the owner frees it.
   const int r = av_write_frame(oc_, pkt.get());

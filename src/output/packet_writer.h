@@ -49,7 +49,8 @@ class PacketWriter {
   size_t buffered() const { return interleaver_.size(); }
 
  private:
-  int WriteNow(PacketPtr pkt);
+  // Hands `pkt` (decode time `dts_us`, for the log) to the muxer.
+  int WriteNow(PacketPtr pkt, int64_t dts_us);
 
   AVFormatContext* oc_;
   Snapshot* snapshot_ = nullptr;
