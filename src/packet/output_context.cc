@@ -7,7 +7,6 @@
 extern "C" {
 #include <libavformat/avformat.h>
 #include <libavcodec/avcodec.h>
-#include <libavutil/mem.h>
 }
 
 #include "index/snapshot.h"
@@ -72,9 +71,12 @@ Status OutputContext::open(const AVStream* video_stream, const AVStream* audio_s
     return Status::Error(AVERROR_UNKNOWN,
                          Format("could not find suitable output format: %s", url_.c_str()));
   }
-  oc_.reset(avformat_alloc_context());
-  if (!oc_) return Status::Error(AVERROR(ENOMEM), "out of memory: " + url_);
-  oc_->oformat = format;
+  // With the format's private options allocated, so that the RTSP muxer's
+  // transport and time-out can be set before it connects.
+  AVFormatContext* raw = nullptr;
+  avformat_alloc_output_context2(&raw, format, nullptr, url_.c_str());
+  if (raw == nullptr) return Status::Error(AVERROR(ENOMEM), "out of memory: " + url_);
+  oc_.reset(raw);
 
   // The metadata dictionary doubles as the header's options: what the muxer
   // does not consume stays as metadata.
@@ -113,7 +115,6 @@ Status OutputContext::open(const AVStream* video_stream, const AVStream* audio_s
     (video ? video_index_ : audio_index_) = st->index;
   }
 
-  oc_->url = av_strdup(url_.c_str());
   av_dump_format(oc_.get(), 0, url_.c_str(), 1);
 
   // Connecting and every later read or write of a network output wait at

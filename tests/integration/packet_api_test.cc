@@ -108,7 +108,8 @@ class PacketApi : public ::testing::Test {
 
   // The file holds every pushed packet of the streams asked for, video at
   // the pushed timestamps rebased to its start.
-  static void ExpectAllPackets(const std::string& path, bool video = true, bool audio = true) {
+  static void ExpectAllPackets(const std::string& path, bool video = true, bool audio = true,
+                               const EsMedia& m = media()) {
     SCOPED_TRACE(path);
     const ProbeResult r = Probe(path);
     ASSERT_TRUE(r.ok) << r.errors;
@@ -120,7 +121,6 @@ class PacketApi : public ::testing::Test {
     }
     ASSERT_EQ(vi >= 0, video);
     ASSERT_EQ(ai >= 0, audio);
-    const EsMedia& m = media();
     if (video) {
       EXPECT_EQ(r.streams[vi].codec_name, "h264");
       EXPECT_EQ(r.streams[vi].width, m.width);
@@ -477,6 +477,7 @@ TEST_P(PacketSilent, StopIsBoundedByTheTimeOut) {
   MovieInfo2 info = Info(c.further ? Path("main.mp4") : url);
   if (c.further) info.others[0] = url.c_str();
   info.timeout_sec = c.timeout_sec;
+  info.acodec = 0;
   void* h = ZEVA2_start(info, &StatusLog::Callback, &status_);
   ASSERT_NE(h, nullptr);
   const EsMedia& m = media();
@@ -516,7 +517,7 @@ TEST_F(PacketApi, ServerKilledMidRecordingLeavesTheFileComplete) {
   info.timeout_sec = 2;
   void* h = ZEVA2_start(info, &StatusLog::Callback, &status_);
   ASSERT_NE(h, nullptr);
-  const EsMedia& m = media();
+  const EsMedia& m = zeva::test::TestStreams(4.0, 30);
   const auto start = std::chrono::steady_clock::now();
   const int64_t t0 = ZEVA_current_sys_usec();
   size_t v = 0, a = 0;
@@ -524,9 +525,10 @@ TEST_F(PacketApi, ServerKilledMidRecordingLeavesTheFileComplete) {
   while (v < m.video.size() || a < m.audio.size()) {
     const bool video = v < m.video.size() && (a == m.audio.size() || m.video[v].pts_us <= m.audio[a].pts_us);
     const zeva::test::EsPacket& p = video ? m.video[v++] : m.audio[a++];
-    // Twice real time; the server dies a third of the way in.
+    // Twice real time; the server dies when the outputs have been open for
+    // a while, two thirds of the way in.
     std::this_thread::sleep_until(start + std::chrono::microseconds(p.pts_us / 2));
-    if (v == m.video.size() / 3 && video) server.Kill();
+    if (video && v == m.video.size() * 2 / 3) server.Kill();
     std::vector<uint8_t> d = p.data;
     refused += !(video ? ZEVA2_write_video_packet : ZEVA2_write_audio_packet)(
         h, d.data(), int(d.size()), t0 + p.pts_us);
@@ -535,7 +537,8 @@ TEST_F(PacketApi, ServerKilledMidRecordingLeavesTheFileComplete) {
   EXPECT_EQ(refused, 0);
   const std::string said = status_.Text();
   EXPECT_NE(said.find(url), std::string::npos) << said;
-  ExpectAllPackets(Path("main.mp4"));
+  EXPECT_EQ(said.find("Failed to open"), std::string::npos) << "the stream never opened: " << said;
+  ExpectAllPackets(Path("main.mp4"), true, true, m);
 }
 
 }  // namespace
