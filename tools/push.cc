@@ -112,7 +112,7 @@ int AdtsSampleRate(const uint8_t* header) {
 
 volatile std::sig_atomic_t g_stop = 0;
 void OnSignal(int sig) {
-  g_stop = 1;
+  g_stop = sig;
   std::signal(sig, SIG_DFL);  // a second signal ends the program at once
 }
 
@@ -196,7 +196,7 @@ int Push(int argc, char** argv) {
   if (g_stop != 0) std::fprintf(stderr, "zeva: interrupted\n");
   std::printf("zeva: pushed %zu video and %zu audio packets (%.1f MB) into %s in %.2f s\n", v, a,
               static_cast<double>(bytes) / 1e6, o.out.c_str(), wall.count());
-  return g_stop != 0 ? 130 : 0;
+  return g_stop != 0 ? 128 + g_stop : 0;
 }
 
 }  // namespace zeva_tool

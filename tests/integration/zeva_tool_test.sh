@@ -20,9 +20,19 @@ probe() { ffprobe -v error -select_streams "$2" -count_packets \
 [[ "$(probe "$dir/t.flv" v)" == h264,320,240,50 ]] || fail "further flv: $(probe "$dir/t.flv" v)"
 head -c 16 "$dir/t.moov" | grep -q '^## version=2' || fail "no index"
 
+# Two elementary streams pushed through the packet interface, every packet kept.
+ffmpeg -nostdin -v error -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine \
+  -map 0:v -t 2 -c:v libx264 -bf 0 -f h264 "$dir/v.h264" -map 1:a -t 2 -c:a aac -f adts "$dir/a.aac"
+"$zeva" push "$dir/v.h264" "$dir/a.aac" "$dir/p.mp4" --fps 25 --index "$dir/p.moov" \
+  --also "$dir/p.ts" > "$dir/out.txt" 2> "$dir/err.txt" || fail "push exited $?: $(tail -3 "$dir/err.txt")"
+grep -q "^zeva: pushed 50 video and 88 audio packets" "$dir/out.txt" || fail "push summary: $(cat "$dir/out.txt")"
+[ "$(probe "$dir/p.mp4" v)" = "h264,320,240,50" ] || fail "pushed video: $(probe "$dir/p.mp4" v)"
+[[ "$(probe "$dir/p.ts" a)" == aac,44100,88* ]] || fail "pushed audio: $(probe "$dir/p.ts" a)"
+head -c 16 "$dir/p.moov" | grep -q '^## version=2' || fail "no index of the push"
+
 # Every help names every option of its command.
 record_opts='--seconds --size --fps --index --also --timeout --help'
-for args in "--help" "record --help" "record x.mp4 -h" "repair --help" "--version"; do
+for args in "--help" "record --help" "record x.mp4 -h" "repair --help" "push --help" "--version"; do
   "$zeva" $args > "$dir/help.txt" 2>&1 || fail "zeva $args exited $?"
 done
 "$zeva" --help > "$dir/help.txt"
@@ -30,6 +40,9 @@ for opt in $record_opts --version; do grep -q -- "$opt" "$dir/help.txt" || fail 
 "$zeva" record --help > "$dir/help.txt"
 for opt in $record_opts; do grep -q -- "$opt" "$dir/help.txt" || fail "record --help lacks $opt"; done
 grep -q "BROKEN INDEX OUT" <("$zeva" repair --help) || fail "repair --help lacks its arguments"
+for opt in --also --index --fps --timeout --realtime --help; do
+  grep -q -- "$opt" <("$zeva" push --help) || fail "push --help lacks $opt"
+done
 [[ "$("$zeva" --version)" =~ ^zeva\ [0-9]+\.[0-9]+\.[0-9]+$ ]] || fail "--version: $("$zeva" --version)"
 
 # Usage errors: one line on standard error, exit status 2, nothing started.
@@ -50,6 +63,9 @@ usage_error record "$dir/x.mp4" --fps
 usage_error record "$dir/x.mp4" --timeout -1
 usage_error repair a b
 usage_error repair --bogus a b c
+usage_error push
+usage_error push a b
+usage_error push a b c --fps 0
 [ ! -e "$dir/x.mp4" ] || fail "a usage error still recorded"
 "$zeva" record "$dir/no/such/dir.mp4" --seconds 1 > /dev/null 2> "$dir/err2.txt"
 [ $? -eq 1 ] || fail "unopenable output should exit 1"
@@ -82,6 +98,13 @@ rc=$?
 [ $rc -eq 1 ] || fail "silent --also exited $rc, want 1"
 grep -q "$silent" "$dir/err3.txt" || fail "report does not name the output: $(tail -2 "$dir/err3.txt")"
 [ $((SECONDS - t0)) -lt 15 ] || fail "--timeout 1 took $((SECONDS - t0)) s"
+t0=$SECONDS
+timeout 60 "$zeva" push "$dir/v.h264" "$dir/a.aac" "$dir/s2.mp4" --also "$silent" --timeout 1 \
+  > /dev/null 2> "$dir/err3.txt"
+rc=$?
+[ $rc -eq 1 ] || fail "push to a silent --also exited $rc, want 1"
+grep -q "$silent" "$dir/err3.txt" || fail "push report does not name the output: $(tail -2 "$dir/err3.txt")"
+[ $((SECONDS - t0)) -lt 15 ] || fail "push --timeout 1 took $((SECONDS - t0)) s"
 
 # The first signal ends the program within seconds: SIGINT while the silent
 # server holds the start without a time-out, SIGTERM while a file records.
@@ -92,10 +115,11 @@ ends_on() {  # SIGNAL STATUS: signals the running $pid and checks how it ends
   local rc=$?
   [ $rc -eq "$2" ] || fail "zeva ended by SIG$1 exited $rc, want $2"
 }
+before=$(wc -l < "$dir/silent.log")
 "$zeva" record "$dir/i.mp4" --seconds 600 --size 320x240 --also "$silent" --timeout 0 \
   > /dev/null 2> "$dir/err4.txt" &
 pid=$!
-until_true clients 2 || fail "zeva never connected to the silent server"
+until_true clients $((before + 1)) || fail "zeva never connected to the silent server"
 ends_on INT 130
 "$zeva" record "$dir/term.mp4" --seconds 600 --size 320x240 > /dev/null 2> "$dir/err5.txt" &
 pid=$!
