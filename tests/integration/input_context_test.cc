@@ -135,13 +135,15 @@ class InputContextTest : public ::testing::Test {
 std::string* InputContextTest::dir_ = nullptr;
 zeva::test::ElementaryStreams* InputContextTest::es_ = nullptr;
 
-// Every third pair of video packets is pushed in swapped order, each with its
-// own stamp: the sorting puts bytes and stamps back in order, and every
-// demuxed packet gets exactly its host stamp.
+// Audio keeps exact stamps: every demuxed packet gets exactly its host stamp.
+// Video stamps wobble by ±3 ms, and every third pair of video packets is
+// pushed in swapped order: the sorting puts bytes and stamps back in order
+// and the smoother leaves a tenth of the wobble or so.
 TEST_F(InputContextTest, RestoresHostTimestampsAndStreamParameters) {
   ASSERT_EQ(es_->video.size(), 60u);
   ASSERT_GT(es_->audio.size(), 90u);
-  std::vector<HostPush> pushes = Schedule([](size_t) -> int64_t { return 0; });
+  std::vector<HostPush> pushes =
+      Schedule([](size_t i) -> int64_t { return i < 2 ? 0 : (i % 2 ? 3000 : -3000); });
   int swapped = 0;
   for (size_t i = 0, seen = 0; i + 1 < pushes.size(); ++i) {
     if (!pushes[i].video || ++seen % 3 != 0) continue;
@@ -160,11 +162,17 @@ TEST_F(InputContextTest, RestoresHostTimestampsAndStreamParameters) {
   EXPECT_TRUE(out.back().null_packet);
   EXPECT_EQ(out.back().name, "tailer");
 
-  std::vector<int64_t> want_video, want_audio;
-  for (size_t i = 0; i < es_->video.size(); ++i) want_video.push_back(kStartUs + i * kVideoStepUs);
+  std::vector<int64_t> want_audio;
   for (size_t i = 0; i < es_->audio.size(); ++i) want_audio.push_back(kStartUs + i * kAudioStepUs);
-  EXPECT_EQ(Stamps(out, "h264"), want_video);
   EXPECT_EQ(Stamps(out, "aac"), want_audio);
+  const std::vector<int64_t> video = Stamps(out, "h264");
+  ASSERT_EQ(video.size(), es_->video.size());
+  for (size_t i = 0; i < video.size(); ++i) {
+    EXPECT_NEAR(video[i], kStartUs + static_cast<int64_t>(i) * kVideoStepUs, 750) << i;
+    if (i > 0) {
+      EXPECT_GT(video[i], video[i - 1]);
+    }
+  }
 
   ASSERT_NE(ctx.video_ic(), nullptr);
   ASSERT_NE(ctx.audio_ic(), nullptr);
@@ -180,21 +188,6 @@ TEST_F(InputContextTest, RestoresHostTimestampsAndStreamParameters) {
   EXPECT_EQ(a->sample_rate, 48000);
   EXPECT_EQ(a->ch_layout.nb_channels, 2);
   EXPECT_EQ(a->profile, FF_PROFILE_AAC_LOW);
-}
-
-// Host stamps that wobble by ±3 ms leave with a tenth of that or so.
-TEST_F(InputContextTest, SmoothsJitteredStamps) {
-  InputContext ctx;
-  const std::vector<Delivered> out =
-      Run(ctx, Schedule([](size_t i) -> int64_t { return i < 2 ? 0 : (i % 2 ? 3000 : -3000); }));
-  const std::vector<int64_t> video = Stamps(out, "h264");
-  ASSERT_EQ(video.size(), es_->video.size());
-  for (size_t i = 0; i < video.size(); ++i) {
-    EXPECT_NEAR(video[i], kStartUs + static_cast<int64_t>(i) * kVideoStepUs, 750) << i;
-    if (i > 0) {
-      EXPECT_GT(video[i], video[i - 1]);
-    }
-  }
 }
 
 // The stream analysis needs a few frames, not FFmpeg's default seconds:
