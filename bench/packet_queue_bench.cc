@@ -20,7 +20,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int kNodes = 2000000;
 constexpr int kCapacity = 256;
 
-uint32_t SizeOf(int i) { return 200 + static_cast<uint32_t>(i * 7919) % 3000; }
+uint32_t SizeOf(int i) { return 200 + static_cast<uint32_t>(i) * 7919u % 3000; }
 
 double RunOurs() {
   qel::ZVPacketQueue q;

@@ -184,12 +184,12 @@ TEST(ZVPacketQueueTest, ManyProducersAndConsumersLoseNothing) {
 // in chunks of other sizes with short time-outs, as the demuxer's read
 // callback does: the stream arrives whole and in order.
 TEST(ZVPacketQueueTest, ByteStreamSurvivesTimeoutsAndPartialNodes) {
-  constexpr int kNodes = 200000 / kScale;
+  constexpr int kNodes = 100000 / kScale;
   ZVPacketQueue q;
   std::thread producer([&] {
     uint64_t offset = 0;
     for (int i = 0; i < kNodes; ++i) {
-      const uint32_t size = 1 + (static_cast<uint32_t>(i) * 7919u) % 3000;
+      const uint32_t size = 1 + (static_cast<uint32_t>(i) * 7919u) % 2000;
       ZVMemNode* n = q.alloc_node(size);
       if (n == nullptr) break;
       for (uint32_t b = 0; b < size; ++b) n->data[b] = static_cast<uint8_t>((offset + b) % 251);
@@ -202,7 +202,7 @@ TEST(ZVPacketQueueTest, ByteStreamSurvivesTimeoutsAndPartialNodes) {
     q.push(nullptr, INT32_MAX, false, 0);
   });
   uint64_t expected_total = 0;
-  for (int i = 0; i < kNodes; ++i) expected_total += 1 + (static_cast<uint32_t>(i) * 7919u) % 3000;
+  for (int i = 0; i < kNodes; ++i) expected_total += 1 + (static_cast<uint32_t>(i) * 7919u) % 2000;
 
   std::vector<uint8_t> buf(5000);
   uint64_t offset = 0;
