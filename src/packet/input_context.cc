@@ -22,12 +22,15 @@ constexpr AVRational kMicros{1, 1000000};
 constexpr int32_t kUnbounded = std::numeric_limits<int32_t>::max();
 
 // Stream analysis of the in-memory inputs. The demuxed packets get the
-// host's timestamps, so the frame-rate estimate FFmpeg would spend up to five
-// seconds on (20 frames' intervals, more for raw H.264) is never used: skip
-// it. The analysis then ends as soon as the codec parameters are known (the
-// first SPS/PPS and decoded picture; the first AAC frame). The duration bound
-// caps a stream whose parameters are late at one second of its data.
+// host's timestamps, so neither the frame-rate estimate (20 or more frames'
+// intervals) nor the wait for a first demuxer timestamp (max_ts_probe, 50
+// packets: raw H.264 and ADTS carry none) is of any use; without them the
+// analysis ends as soon as the codec parameters are known, after the first
+// decoded picture (SPS, PPS and extradata with it) or AAC frame. The
+// duration bound caps a stream whose parameters come late at one second of
+// its data; probesize stays FFmpeg's 5 MB, a byte cap above any key frame.
 constexpr int kFpsProbeFrames = 0;
+constexpr int kMaxTsProbePackets = 0;
 constexpr int64_t kMaxAnalyzeUs = 1000000;
 
 std::string Format(const char* fmt, ...) ZEVA_PRINTF_LIKE(1, 2);
@@ -49,6 +52,20 @@ struct InputSlot {
   int64_t last_pts = 0;
   PtsSmoother smoother;
 };
+
+// Whether the first stream has what an output needs to describe it.
+bool has_stream_parameters(const AVFormatContext* ic) {
+  if (ic->nb_streams < 1) return false;
+  const AVCodecParameters* par = ic->streams[0]->codecpar;
+  switch (par->codec_type) {
+    case AVMEDIA_TYPE_VIDEO:
+      return par->width > 0 && par->height > 0;
+    case AVMEDIA_TYPE_AUDIO:
+      return par->sample_rate > 0 && par->ch_layout.nb_channels > 0;
+    default:
+      return false;
+  }
+}
 
 }  // namespace
 
@@ -80,6 +97,7 @@ Status InputContext::open_input(InputQueue& queue, const char* format, Demuxer& 
   raw_ic->pb = io.get();
   raw_ic->flags = AVFMT_FLAG_CUSTOM_IO;
   raw_ic->fps_probe_size = kFpsProbeFrames;
+  raw_ic->max_ts_probe = kMaxTsProbePackets;
   raw_ic->max_analyze_duration = kMaxAnalyzeUs;
   // On failure avformat_open_input frees the context (not our I/O).
   int r = avformat_open_input(&raw_ic, nullptr, fmt, nullptr);
@@ -88,6 +106,11 @@ Status InputContext::open_input(InputQueue& queue, const char* format, Demuxer& 
   }
   InputFormatPtr ic(raw_ic);
   r = avformat_find_stream_info(ic.get(), nullptr);
+  // FFmpeg 5.1 takes a failed read (no data within the time-out) as an end
+  // of stream and still reports success, and takes garbage for a stream with
+  // no parameters: neither is an input.
+  if (r >= 0 && io->error < 0) r = io->error;
+  if (r >= 0 && !has_stream_parameters(ic.get())) r = AVERROR_INVALIDDATA;
   if (r < 0) {
     return Status::Error(r, Format("could not find stream information for '%s'", format));
   }

@@ -84,6 +84,7 @@ bool InputQueue::push_data(const uint8_t* data, int32_t nbytes, int64_t usec) {
 
 int InputQueue::read_packet(void* opaque, uint8_t* buffer, int size) {
   auto* q = static_cast<InputQueue*>(opaque);
+  if (q->gave_up_ && !q->probed.load()) return AVERROR_STREAM_NOT_FOUND;
   const int64_t start_ms = platform::monotonic_ms();
   for (;;) {
     if (q->aborted()) {
@@ -101,6 +102,7 @@ int InputQueue::read_packet(void* opaque, uint8_t* buffer, int size) {
       if (elapsed >= kProbeNoDataMs) {
         ZEVA_LOG(kLogError, "warning: ===> '%s' has no input data, wait timeout (time=%lldmsec)",
                  q->name.c_str(), static_cast<long long>(elapsed));
+        q->gave_up_ = true;
         return AVERROR_STREAM_NOT_FOUND;
       }
     }

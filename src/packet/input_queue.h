@@ -35,8 +35,9 @@ class InputQueue : public qel::ZVPacketQueue {
   // FFmpeg's read callback over an InputQueue (`opaque`): fills `buffer`
   // with up to `size` bytes and returns their count; AVERROR_EOF once the
   // queue is aborted; AVERROR_STREAM_NOT_FOUND when no data came for
-  // 3000 ms before the input was probed. Blocks until data, abort or that
-  // time-out. The demuxing thread.
+  // 3000 ms before the input was probed, and at once on every later call
+  // until it is probed (FFmpeg retries a failed read; the input has had its
+  // chance). Blocks until data, abort or that time-out. The demuxing thread.
   static int read_packet(void* opaque, uint8_t* buffer, int size);
 
   // The timestamps of the packets passed on, in the same order.
@@ -64,6 +65,7 @@ class InputQueue : public qel::ZVPacketQueue {
   // A fixed array, so pushing allocates nothing but the pooled node.
   std::array<Sorted, kSortDepth + 1> sort_queue_{};
   int sorted_ = 0;
+  bool gave_up_ = false;  // the read callback timed out while probing
 };
 
 }  // namespace zeva

@@ -22,6 +22,15 @@ void set_next_free(ZVMemNode* node, ZVMemNode* next) {
   node->reserved = static_cast<int64_t>(reinterpret_cast<intptr_t>(next));
 }
 
+// data = block + 64 + headroom, aligned up; head = data - headroom or null.
+void place_payload(ZVMemNode* node, int32_t headroom) {
+  const uintptr_t block = reinterpret_cast<uintptr_t>(node);
+  const uintptr_t payload = (block + kHeader + headroom + ZVMemPool::kAlignment - 1) &
+                            ~uintptr_t{ZVMemPool::kAlignment - 1};
+  node->data = reinterpret_cast<uint8_t*>(payload);
+  node->head = headroom > 0 ? node->data - headroom : nullptr;
+}
+
 int32_t now_stamp() {
   return static_cast<int32_t>(static_cast<uint32_t>(zeva::platform::calendar_seconds()));
 }
@@ -89,6 +98,10 @@ ZVMemNode* ZVMemPool::alloc(uint32_t size, int32_t headroom) {
     }
   }
   if (node != nullptr) {
+    // The payload is placed for this request's headroom: with the same
+    // headroom (always 0 in the packet path) that is where it was; with
+    // another, the earlier place could run past the block.
+    place_payload(node, headroom);
     node->size = static_cast<int32_t>(size);
     node->reserved = 0;
     node->refs = 1;
@@ -104,10 +117,7 @@ ZVMemNode* ZVMemPool::alloc(uint32_t size, int32_t headroom) {
     std::lock_guard<std::mutex> lock(list_mutex_);
     id = ++allocated_;
   }
-  const uintptr_t payload =
-      (reinterpret_cast<uintptr_t>(block) + kHeader + headroom + kAlignment - 1) & ~uintptr_t{kAlignment - 1};
-  node->data = reinterpret_cast<uint8_t*>(payload);
-  node->head = headroom > 0 ? node->data - headroom : nullptr;
+  place_payload(node, headroom);
   node->size = static_cast<int32_t>(size);
   node->pts = 0;
   node->reserved = 0;

@@ -30,7 +30,7 @@ class ZVMemPool final : public iMemNodePool {
 
   // A node with `size` payload bytes after `headroom` spare bytes, refs 1:
   // the first free node of the size class, else a new block from malloc.
-  // A reused node keeps its earlier data, head and pts. Null when size +
+  // A reused node keeps its earlier pts. Null when size +
   // headroom is negative or too large for a 32-bit class, or malloc fails.
   // Any thread.
   ZVMemNode* alloc(uint32_t size, int32_t headroom);
