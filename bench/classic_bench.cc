@@ -12,6 +12,11 @@
 //                            exit on ffmpeg's.
 //   classic_record_peak_rss  peak resident memory of each side, each in a
 //                            process of its own.
+//   rtmp_delay_classic_median/_p99  the same pictures and sound streamed for
+//                            60 s in real time (tune zerolatency) to a local
+//                            nginx RTMP server: from a write call to the
+//                            writer thread handing the packet encoded from
+//                            it to FFmpeg. No peer: the "peer" is the aim.
 //
 // The pictures are a 2 s loop of 60 distinct frames played 15 times: the
 // source in memory is 221 MB instead of 3.3 GB, and ffmpeg reads the same
@@ -25,7 +30,7 @@
 // process is still small: the raw files are drawn one frame at a time, our
 // child draws the same frames on the fly, and the timed run's source is
 // loaded from the raw files only after both children have ended.
-// The whole run takes about 25 s on two cores.
+// The whole run takes about 25 s on two cores, and the delay run 60 s more.
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -39,11 +44,16 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <zeva/zeva.h>
+
+#include "delay_probe.h"
+#include "support/rtmp_server.h"
 
 namespace {
 
@@ -58,6 +68,7 @@ constexpr int kWidth = 1280;
 constexpr int kHeight = 720;
 constexpr int kFps = 30;
 constexpr int kSeconds = 30;
+constexpr int kLiveSeconds = 60;  // of the RTMP delay run
 constexpr int kFrames = kFps * kSeconds;
 constexpr int kLoopFrames = 2 * kFps;
 constexpr size_t kFrameBytes = static_cast<size_t>(kWidth) * kHeight * 4;
@@ -66,7 +77,7 @@ constexpr int kChannels = 2;
 constexpr int64_t kSamples = static_cast<int64_t>(kSampleRate) * kSeconds;
 constexpr int kChunkSamples = kSampleRate / 100;  // 10 ms per call, as a capturing host does
 
-using Clock = std::chrono::steady_clock;
+using zeva::bench::Clock;
 // Picture `n` of the recording, and `count` samples of PCM from sample `first`.
 // The library's write calls take non-const pointers but only read them.
 using PictureSource = std::function<uint8_t*(int n)>;
@@ -128,41 +139,105 @@ void OnStatus(int code, const char* message, void* user) {
   static_cast<std::atomic<bool>*>(user)->store(true);
 }
 
-// Records the whole clip into `out` the way a capturing host does: pictures
+// Records `seconds` into `info.url` the way a capturing host does: pictures
 // and 10 ms PCM chunks in time-stamp order, stamped on a synthetic clock from
-// the library's own. Returns the wall seconds from start to the finished
-// file, or -1 after a failure.
-double RecordWithLibrary(const std::string& out, const PictureSource& picture,
-                         const PcmSource& pcm) {
+// the library's own. With `written` (two vectors: video, audio) it paces the calls in real
+// time and notes when each call starts; without, it writes at full speed.
+// Returns the wall seconds from start to the finished output, or -1 after a
+// failure.
+double RecordWithLibrary(const MovieInfo& info, const PictureSource& picture,
+                         const PcmSource& pcm, int seconds = kSeconds,
+                         std::vector<Clock::time_point>* written = nullptr) {
   std::atomic<bool> failed{false};
   const Clock::time_point t0 = Clock::now();
-  void* h = ZEVA_start(BenchInfo(out), OnStatus, &failed, nullptr, /*async=*/false);
+  void* h = ZEVA_start(info, OnStatus, &failed, nullptr, /*async=*/false);
   MovieInfo used{};
   const bool started = ZEVA_get_mInfo(h, &used);
   const int64_t base_us = ZEVA_current_sys_usec();
+  const Clock::time_point paced_from = Clock::now();
+  const int total_frames = kFps * seconds;
+  const int64_t total_samples = static_cast<int64_t>(kSampleRate) * seconds;
   int frames = 0, accepted = 0;
   int64_t samples = 0;
-  while (started && !failed.load() && (frames < kFrames || samples < kSamples)) {
+  while (started && !failed.load() && (frames < total_frames || samples < total_samples)) {
     const int64_t v_us = static_cast<int64_t>(frames) * 1000000 / kFps;
     const int64_t a_us = samples * 1000000 / kSampleRate;
-    if (frames < kFrames && (samples == kSamples || v_us <= a_us)) {
+    const bool video = frames < total_frames && (samples == total_samples || v_us <= a_us);
+    if (written != nullptr) {
+      std::this_thread::sleep_until(paced_from + std::chrono::microseconds(video ? v_us : a_us));
+      written[video ? 0 : 1].push_back(Clock::now());
+    }
+    if (video) {
       accepted += ZEVA_write_video_bgra(h, picture(frames), static_cast<int>(kFrameBytes),
                                         base_us + v_us, kWidth * 4);
       ++frames;
     } else {
-      const int n = static_cast<int>(std::min<int64_t>(kChunkSamples, kSamples - samples));
+      const int n = static_cast<int>(std::min<int64_t>(kChunkSamples, total_samples - samples));
       ZEVA_write_audio_pcm(h, pcm(samples, n), n * kChannels * 2, base_us + a_us);
       samples += n;
     }
   }
   ZEVA_stop(&h);
-  const double seconds = Since(t0);
-  if (!started || failed.load() || accepted != kFrames) {
-    std::fprintf(stderr, "bench: %s: started=%d, %d of %d pictures accepted\n", out.c_str(),
-                 started, accepted, kFrames);
+  const double wall = Since(t0);
+  if (!started || failed.load() || accepted != total_frames) {
+    std::fprintf(stderr, "bench: %s: started=%d, %d of %d pictures accepted\n", info.url,
+                 started, accepted, total_frames);
     return -1;
   }
-  return seconds;
+  return wall;
+}
+
+// Streams kLiveSeconds in real time to a local nginx RTMP server in `dir`
+// and prints the delay from each write call to the writer's hand-over of
+// the packet encoded from it. Packets are matched to calls by time stamp:
+// the library counts from the first call's stamp, video in frames of the
+// encoder's 1/fps time base and audio in samples of the AAC encoder, and
+// the writer logs both in microseconds (rounded to FLV's milliseconds). An
+// audio packet belongs to the call that supplied its first sample; the
+// encoder's priming packet, stamped before 0, to none.
+bool RunRtmpDelay(const std::string& dir, const PictureSource& picture, const PcmSource& pcm) {
+  mkdir(dir.c_str(), 0755);
+  zeva::test::RtmpServer server(dir);
+  if (!server.ok()) {
+    std::fprintf(stderr, "bench: the RTMP server did not start (scripts/bootstrap installs it)\n");
+    return false;
+  }
+  MovieInfo info = BenchInfo(server.Url("classic"));
+  info.tune = TL_ZEROLATENCY;  // as zeva record streams: no look-ahead in the encoder
+  info.timeout_sec = 10;
+  std::vector<Clock::time_point> written[2];
+  zeva::bench::DelayProbe probe;
+  if (RecordWithLibrary(info, picture, pcm, kLiveSeconds, written) < 0) return false;
+  std::vector<double> delays, per_stream[2];
+  const int64_t unit_us[2] = {1000000 / kFps, 1000000 * kChunkSamples / kSampleRate};
+  for (int s = 0; s < 2; ++s) {
+    // Calls are met in order: each picture once, a 10 ms chunk at most once
+    // (half of them start no 1024-sample packet).
+    size_t expected = 0;
+    for (const auto& p : probe.handed(s)) {
+      if (p.dts_us < 0) continue;
+      const size_t call = static_cast<size_t>(
+          s == 0 ? (p.dts_us + unit_us[0] / 2) / unit_us[0] : p.dts_us / unit_us[1]);
+      if (call >= written[s].size() || call < expected) {
+        std::fprintf(stderr, "bench: stream %d: packet at %lld us matches no write call\n", s,
+                     static_cast<long long>(p.dts_us));
+        return false;
+      }
+      expected = s == 0 ? call + 1 : call;
+      per_stream[s].push_back(zeva::bench::Ms(p.at - written[s][call]));
+      delays.push_back(per_stream[s].back());
+    }
+  }
+  if (per_stream[0].size() != written[0].size()) {
+    std::fprintf(stderr, "bench: %zu pictures written, %zu packets handed over\n",
+                 written[0].size(), per_stream[0].size());
+    return false;
+  }
+  zeva::bench::PrintDelay("rtmp_delay_classic", delays);
+  std::printf("# rtmp_delay_classic medians: video %.1f ms, audio %.1f ms (%zu packets)\n",
+              zeva::bench::Percentile(per_stream[0], 0.5),
+              zeva::bench::Percentile(per_stream[1], 0.5), per_stream[1].size());
+  return true;
 }
 
 struct ChildRun {
@@ -196,7 +271,7 @@ ChildRun RecordInChild(const std::string& out) {
     std::vector<uint8_t> frame(kFrameBytes);
     std::vector<int16_t> chunk(static_cast<size_t>(kChunkSamples) * kChannels);
     const double seconds = RecordWithLibrary(
-        out,
+        BenchInfo(out),
         [&](int n) {
           DrawFrame(n % kLoopFrames, frame.data());
           return frame.data();
@@ -276,11 +351,8 @@ struct ScratchDir {
     if (mkdtemp(pattern.data()) != nullptr) path = pattern;
   }
   ~ScratchDir() {
-    if (path.empty()) return;
-    for (const char* name : {"ours_rss.mp4", "ours.mp4", "ffmpeg.mp4", "video.raw", "audio.raw"}) {
-      unlink((path + "/" + name).c_str());
-    }
-    rmdir(path.c_str());
+    std::error_code ignored;
+    if (!path.empty()) std::filesystem::remove_all(path, ignored);
   }
 };
 
@@ -311,10 +383,14 @@ int main() {
     std::perror("bench: reading the raw source");
     return 1;
   }
-  const double ours_s = RecordWithLibrary(
-      dir.path + "/ours.mp4",
-      [&](int n) { return frames.data() + (n % kLoopFrames) * kFrameBytes; },
-      [&](int64_t first, int) { return pcm.data() + first * kChannels; });
+  const PictureSource loop = [&](int n) {
+    return frames.data() + (n % kLoopFrames) * kFrameBytes;
+  };
+  // Longer runs repeat the tone: kSamples is a whole number of chunks.
+  const PcmSource tone = [&](int64_t first, int) {
+    return pcm.data() + first % kSamples * kChannels;
+  };
+  const double ours_s = RecordWithLibrary(BenchInfo(dir.path + "/ours.mp4"), loop, tone);
   if (!ours_mem.ok || ours_s < 0 || !ffmpeg.ok) return 1;
 
   const double ours_fps = kFrames / ours_s, ffmpeg_fps = kFrames / ffmpeg.seconds;
@@ -322,7 +398,8 @@ int main() {
               ffmpeg_fps, ours_fps / ffmpeg_fps);
   std::printf("bench classic_record_peak_rss: %.1f MiB vs %.1f MiB (ffmpeg CLI) = %.2f x\n",
               ours_mem.peak_mib, ffmpeg.peak_mib, ours_mem.peak_mib / ffmpeg.peak_mib);
+  std::fflush(stdout);
   const double total_s = Since(bench_t0);
   if (total_s > 60) std::fprintf(stderr, "bench: classic_record took %.0f s of 60 s\n", total_s);
-  return 0;
+  return RunRtmpDelay(dir.path + "/rtmp", loop, tone) ? 0 : 1;
 }

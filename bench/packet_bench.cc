@@ -8,6 +8,8 @@
 //   packet_delay_median/_p99  the first 20 s pushed in real time: from the host's write call
 //       of a packet to its writer thread handing it to FFmpeg, traced through the library's
 //       per-packet debug lines. No peer does this: the "peer" printed is the aim.
+//   rtmp_delay_packet_median/_p99  the same delay for 60 s pushed in real time to a local
+//       nginx RTMP server (FLV over loopback).
 //
 // Best of 3 runs each. A child's peak memory starts at its parent's, so this process stays
 // small: a child splits the streams once, storing packet offsets beside the cached media, and
@@ -29,25 +31,29 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <zeva/zeva.h>
 
+#include "delay_probe.h"
 #include "packet/es_splitter.h"
+#include "support/rtmp_server.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using zeva::bench::Clock;
+using zeva::bench::Ms;
+using zeva::bench::Percentile;
 constexpr int kFps = 30, kSampleRate = 48000, kSeconds = 60, kRuns = 3;
+constexpr int kLiveSeconds = 60;  // of the RTMP delay run; the media last kSeconds
 constexpr int64_t kDelayUntilUs = 20000000, kSteadyFromUs = 2000000;
 
-double Ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
 std::string Slurp(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
@@ -236,80 +242,70 @@ bool RunFfmpeg(const Media& m, const std::string& out, Best* best) {
   return status == 0;
 }
 
-// Per stream: write call, sort queue release, demuxer output by timestamp; hand-overs in order.
-struct Events {
-  std::mutex mu;
+// The delay run, in this process, into `out` up to `until_us`; prints the figures NAME_median
+// and NAME_p99 and where the time goes.
+bool RunDelay(const Media& m, const std::string& out, int64_t until_us, const std::string& name) {
+  // Per stream, by timestamp: write call, sort queue release, demuxer output.
   std::map<int64_t, Clock::time_point> at[3][2];
-  std::vector<std::pair<int64_t, Clock::time_point>> handed[2];
-};
-
-void OnLog(Events* ev, int level, const char* msg) {
-  if (level < 5) return;
-  const Clock::time_point now = Clock::now();
-  char name[16] = "";
-  long long ts = 0, stream = -1;
-  std::lock_guard<std::mutex> lock(ev->mu);
-  if (std::sscanf(msg, "push_data() : %15[a-z0-9], pts=%lld", name, &ts) == 2) {
-    ev->at[1][g_writing >= 0 ? g_writing.load() : name[0] == 'a'][ts] = now;
-  } else if (std::sscanf(msg, "[%15[a-z0-9]] --- get pts from que: pkt_pts=%lld", name, &ts) == 2) {
-    ev->at[2][name[0] == 'a'][ts] = now;
-  } else if (std::sscanf(msg, "write packet: stream=%lld, dts=%lld us", &stream, &ts) == 2 &&
-             (stream == 0 || stream == 1)) {
-    ev->handed[stream].emplace_back(ts, now);
-  }
-}
-
-double Percentile(std::vector<double> v, double p) {  // -1 when empty
-  std::sort(v.begin(), v.end());
-  return v.empty() ? -1 : v[std::min(v.size() - 1, size_t(p * double(v.size())))];
-}
-
-// The delay run, in this process; prints its figures.
-bool RunDelay(const Media& m, const std::string& out) {
-  Events ev;
-  ZEVA_Set_Log_Callback([&ev](const char*, int level, const char*, int, const char* msg) {
-    OnLog(&ev, level, msg);
+  zeva::bench::DelayProbe probe([&at](const char* msg, Clock::time_point now) {
+    char kind[16] = "";
+    long long ts = 0;
+    if (std::sscanf(msg, "push_data() : %15[a-z0-9], pts=%lld", kind, &ts) == 2) {
+      at[1][g_writing >= 0 ? g_writing.load() : kind[0] == 'a'][ts] = now;
+    } else if (std::sscanf(msg, "[%15[a-z0-9]] --- get pts from que: pkt_pts=%lld", kind,
+                           &ts) == 2) {
+      at[2][kind[0] == 'a'][ts] = now;
+    }
   });
   std::vector<Clock::time_point> written;
-  const PushResult r = Push(m, out, kDelayUntilUs, true, &written);
-  ZEVA_Set_Log_Callback({});
+  const PushResult r = Push(m, out, until_us, true, &written);
   for (size_t i = 0; i < written.size(); ++i) {
-    ev.at[0][m.schedule[i].stream][m.schedule[i].at_us] = written[i];
+    at[0][m.schedule[i].stream][m.schedule[i].at_us] = written[i];
   }
   // The n-th packet a stream hands over is its n-th written; the timestamps (smoothed by the
   // library, rescaled by the muxer) must agree.
   std::vector<double> total, steady, stage[3][2];
   for (int s = 0; s < 2; ++s) {
-    bool traced = ev.handed[s].size() == ev.at[0][s].size();
-    auto host = ev.at[0][s].begin();
-    for (size_t i = 0; traced && i < ev.handed[s].size(); ++i, ++host) {
-      const auto& [dts, handed] = ev.handed[s][i];
+    const auto& handed = probe.handed(s);
+    bool traced = handed.size() == at[0][s].size();
+    auto host = at[0][s].begin();
+    for (size_t i = 0; traced && i < handed.size(); ++i, ++host) {
       const int64_t t = host->first;
-      traced = std::llabs(dts - t) <= 2000 && ev.at[1][s].count(t) && ev.at[2][s].count(t);
+      traced = std::llabs(handed[i].dts_us - t) <= 2000 && at[1][s].count(t) && at[2][s].count(t);
       if (!traced) break;
-      const Clock::time_point when[4] = {host->second, ev.at[1][s][t], ev.at[2][s][t], handed};
+      const Clock::time_point when[4] = {host->second, at[1][s][t], at[2][s][t], handed[i].at};
       for (int k = 0; k < 3; ++k) stage[k][s].push_back(Ms(when[k + 1] - when[k]));
-      total.push_back(Ms(handed - host->second));
+      total.push_back(Ms(handed[i].at - host->second));
       if (t >= kSteadyFromUs) steady.push_back(total.back());
     }
     if (!traced) {
-      std::fprintf(stderr, "bench: stream %d: %zu packets written, %zu handed over, not all "
-                   "traced\n", s, ev.at[0][s].size(), ev.handed[s].size());
+      std::fprintf(stderr, "bench: %s: stream %d: %zu packets written, %zu handed over, not all "
+                   "traced\n", name.c_str(), s, at[0][s].size(), handed.size());
       return false;
     }
   }
-  const double median = Percentile(total, 0.5), p99 = Percentile(total, 0.99);
-  std::printf("bench packet_delay_median: %.1f ms vs 50.0 ms (aim) = %.2f x\n", median,
-              median / 50);
-  std::printf("bench packet_delay_p99: %.1f ms vs 100.0 ms (aim) = %.2f x\n", p99, p99 / 100);
+  zeva::bench::PrintDelay(name, total);
   for (int s = 0; s < 2; ++s) {
-    std::printf("# %s delay medians: sort queue %.1f ms, demuxer %.1f ms, writer %.1f ms\n",
-                s == 0 ? "video" : "audio", Percentile(stage[0][s], 0.5),
+    std::printf("# %s %s medians: sort queue %.1f ms, demuxer %.1f ms, writer %.1f ms\n",
+                name.c_str(), s == 0 ? "video" : "audio", Percentile(stage[0][s], 0.5),
                 Percentile(stage[1][s], 0.5), Percentile(stage[2][s], 0.5));
   }
-  std::printf("# delay from 2 s on: median %.1f ms, p99 %.1f ms; at the start up to %.1f ms\n",
-              Percentile(steady, 0.5), Percentile(steady, 0.99), Percentile(total, 1.0));
+  std::printf("# %s from 2 s on: median %.1f ms, p99 %.1f ms; at the start up to %.1f ms\n",
+              name.c_str(), Percentile(steady, 0.5), Percentile(steady, 0.99),
+              Percentile(total, 1.0));
+  std::fflush(stdout);
   return r.ok != 0;
+}
+
+// The delay run to a local RTMP server (nginx), in a directory of its own under `dir`.
+bool RunRtmpDelay(const Media& m, const std::string& dir) {
+  mkdir(dir.c_str(), 0755);
+  zeva::test::RtmpServer server(dir);
+  if (!server.ok()) {
+    std::fprintf(stderr, "bench: the RTMP server did not start (scripts/bootstrap installs it)\n");
+    return false;
+  }
+  return RunDelay(m, server.Url("packet"), int64_t(kLiveSeconds) * 1000000, "rtmp_delay_packet");
 }
 
 }  // namespace
@@ -340,10 +336,11 @@ int main(int, char** argv) {
     std::printf("bench packet_remux_rss: %.1f MiB vs %.1f MiB (ffmpeg CLI) = %.2f x\n",
                 ours.peak_mib, peer.peak_mib, ours.peak_mib / peer.peak_mib);
     std::fflush(stdout);
-    ok = RunDelay(m, dir + "delay.mp4");
+    ok = RunDelay(m, dir + "delay.mp4", kDelayUntilUs, "packet_delay") &&
+         RunRtmpDelay(m, dir + "rtmp");
   }
   if (!ok) return 1;  // the scratch directory stays for a look
-  for (auto f : {"ours.mp4", "ours.log", "ffmpeg.mp4", "delay.mp4"}) unlink((dir + f).c_str());
-  rmdir(scratch);
+  std::error_code ignored;
+  std::filesystem::remove_all(scratch, ignored);
   return 0;
 }
