@@ -81,6 +81,7 @@ bool AVMux::start(const MovieInfo2& info) {
       return false;
     }
   }
+  input_.name_inputs(aac ? "aac" : nullptr, info.vcodec == 1 ? "h264" : nullptr);
   worker_ = std::thread(&AVMux::WorkerMain, this);
   return true;
 }

@@ -125,14 +125,14 @@ Status InputContext::open_input(InputQueue& queue, const char* format, Demuxer& 
 Status InputContext::open_inputs(const char* audio_format, const char* video_format) {
   if (audio_format != nullptr && audio_format[0] != '\0') {
     ZEVA_LOG(kLogInfo, "==> open audio input: %s", audio_format);
-    audio.name = audio_format;
+    if (audio.name != audio_format) audio.name = audio_format;
     audio_name_ = audio_format;
     const Status s = open_input(audio, audio_format, audio_in_);
     if (!s.ok) ZEVA_LOG(kLogError, "input 'aac' error(%d): %s", s.code, s.message.c_str());
   }
   if (video_format != nullptr && video_format[0] != '\0') {
     ZEVA_LOG(kLogInfo, "==> open video input: %s", video_format);
-    video.name = video_format;
+    if (video.name != video_format) video.name = video_format;
     video_name_ = video_format;
     const Status s = open_input(video, video_format, video_in_);
     if (!s.ok) ZEVA_LOG(kLogError, "input 'h264' error(%d): %s", s.code, s.message.c_str());

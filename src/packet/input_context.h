@@ -42,6 +42,13 @@ class InputContext {
   InputContext(const InputContext&) = delete;
   InputContext& operator=(const InputContext&) = delete;
 
+  // Names the inputs before the host's threads push into them, so that the
+  // demuxing thread's open_inputs need not rename them under their feet.
+  void name_inputs(const char* audio_format, const char* video_format) {
+    if (audio_format != nullptr) audio.name = audio_format;
+    if (video_format != nullptr) video.name = video_format;
+  }
+
   // Opens the audio input, then the video input, for the formats named
   // (null or empty: not used). Blocks until each has seen enough data for
   // its stream parameters, or 3000 ms without data. A failing input is
