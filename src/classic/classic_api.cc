@@ -11,6 +11,7 @@ extern "C" {
 #include "classic/movie_capture2.h"
 #include "encode/audio_enc.h"
 #include "encode/video_enc.h"
+#include "log/api_guard.h"
 #include "log/logger.h"
 #include "output/zv_av_writer.h"
 #include "zeva/classic.h"
@@ -21,19 +22,9 @@ using zeva::MovieCapture2;
 
 MovieCapture2* Capture(void* h) { return static_cast<MovieCapture2*>(h); }
 
-// Runs `fn` on the capture, or gives `neutral` for a null handle or when
-// anything escapes.
 template <typename T, typename Fn>
 T Guard(void* h, T neutral, const char* what, Fn fn) {
-  if (h == nullptr) return neutral;
-  try {
-    return fn(Capture(h));
-  } catch (const std::exception& e) {
-    ZEVA_LOG(zeva::kLogError, "%s: %s", what, e.what());
-  } catch (...) {
-    ZEVA_LOG(zeva::kLogError, "%s: unknown error", what);
-  }
-  return neutral;
+  return zeva::GuardHandle<MovieCapture2>(h, neutral, what, fn);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "log/api_guard.h"
 #include "log/logger.h"
 #include "packet/av_mux.h"
 #include "zeva/packet.h"
@@ -39,15 +40,7 @@ using zeva::AVMux;
 
 template <typename T, typename Fn>
 T Guard(void* h, T neutral, const char* what, Fn fn) {
-  if (h == nullptr) return neutral;
-  try {
-    return fn(static_cast<AVMux*>(h));
-  } catch (const std::exception& e) {
-    ZEVA_LOG(zeva::kLogError, "%s: %s", what, e.what());
-  } catch (...) {
-    ZEVA_LOG(zeva::kLogError, "%s: unknown error", what);
-  }
-  return neutral;
+  return zeva::GuardHandle<AVMux>(h, neutral, what, fn);
 }
 
 }  // namespace
