@@ -82,7 +82,7 @@ TEST_F(PacketOutput, IndexOpensPromptlyAndMatchesTheMovie) {
   ZEVA2_stop(&h);
   std::cout << "index open after " << opened_after << " s of media\n";
   EXPECT_GE(opened_after, 0);
-  EXPECT_LE(opened_after, 1.5);
+  EXPECT_LE(opened_after, 1.0);
   zeva::test::ExpectIndexMatchesProbe(Path("rec.mp4"), Path("rec.idx"), true);
 }
 
