@@ -51,6 +51,7 @@ bool ListContains(const T* list, T end, Pred match) {
 
 struct MovieMuxer::StartRecord {
   std::atomic<bool> exited{false};
+  std::atomic<bool> finished{false};  // the start thread is done, whatever the outcome
   MovieInfo info{};
   StatusCallback cb = nullptr;
   void* user = nullptr;
@@ -94,6 +95,10 @@ int MovieMuxer::start(const MovieInfo& info, StatusCallback cb, void* user, bool
 
 void MovieMuxer::RunStart() {
   StartRecord& rec = *start_;
+  struct Finish {
+    StartRecord& rec;
+    ~Finish() { rec.finished = true; }
+  } finish{rec};
   if (rec.exited) {
     ZEVA_LOG(kLogError, "=^= running begin: already exited,  exit thread");
     return;
@@ -421,11 +426,13 @@ bool MovieMuxer::stop() {
   start_->exited = true;
   // The start thread gives up at its next check; a connect it is blocked in
   // is interrupted, for as long as we wait for it. Outputs it has opened
-  // meanwhile still get their trailers below.
+  // meanwhile still get their trailers below. A start that finished long
+  // ago is joined without the interrupt: its writers are busy delivering.
   if (start_->thread.joinable()) {
-    io_.Trigger();
+    const bool overtaking = !start_->finished;
+    if (overtaking) io_.Trigger();
     start_->thread.join();
-    io_.Reset();
+    if (overtaking) io_.Reset();
   }
   AVFormatContext* oc = oc_;
   if (oc == nullptr) {
