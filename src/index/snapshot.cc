@@ -1,6 +1,5 @@
 #include "index/snapshot.h"
 
-#include <cstdarg>
 #include <string>
 #include <vector>
 
@@ -14,6 +13,7 @@ extern "C" {
 
 #include "index/index_record.h"
 #include "log/logger.h"
+#include "platform/text.h"
 #include "platform/file.h"
 
 namespace zeva {
@@ -28,23 +28,6 @@ int64_t WrapSub(int64_t a, int64_t b) {
   return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
 }
 
-std::string Printf(const char* fmt, ...) ZEVA_PRINTF_LIKE(1, 2);
-std::string Printf(const char* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  va_list again;
-  va_copy(again, ap);
-  const int n = std::vsnprintf(nullptr, 0, fmt, ap);
-  va_end(ap);
-  std::string text;
-  if (n > 0) {
-    text.resize(static_cast<size_t>(n) + 1);
-    std::vsnprintf(text.data(), text.size(), fmt, again);
-    text.resize(static_cast<size_t>(n));
-  }
-  va_end(again);
-  return text;
-}
 
 // Standard base64 ("A-Za-z0-9+/", "=" padding) of the stream's extradata;
 // empty when there is none.
@@ -64,7 +47,7 @@ const char* OrEmpty(const char* s) { return s != nullptr ? s : ""; }
 // No value can hold a quote or a backslash, so nothing is escaped.
 std::string VideoStreamLine(int index, const AVStream* st) {
   const AVCodecParameters* par = st->codecpar;
-  return Printf(
+  return StringPrintf(
       "{\"type\":\"video\",\"index\":%d,\"codec\":\"%s\",\"format\":\"%s\",\"h\":%d,\"w\":%d,"
       "\"tb.num\":%d,\"tb.den\":%d,\"ev\":\"%s\"}",
       index, avcodec_get_name(par->codec_id),
@@ -74,7 +57,7 @@ std::string VideoStreamLine(int index, const AVStream* st) {
 
 std::string AudioStreamLine(int index, const AVStream* st) {
   const AVCodecParameters* par = st->codecpar;
-  return Printf(
+  return StringPrintf(
       "{\"type\":\"audio\",\"index\":%d,\"codec\":\"%s\",\"format\":\"%s\",\"channels\":%d,"
       "\"frame_size\":%d,\"sample_rate\":%d,\"tb.num\":%d,\"tb.den\":%d,\"ev\":\"%s\"}",
       index, avcodec_get_name(par->codec_id),

@@ -1,7 +1,6 @@
 #include "packet/input_context.h"
 
 #include <cinttypes>
-#include <cstdarg>
 #include <cstdio>
 #include <limits>
 
@@ -11,6 +10,7 @@ extern "C" {
 }
 
 #include "log/logger.h"
+#include "platform/text.h"
 #include "packet/pts_smoother.h"
 #include "platform/av_error.h"
 
@@ -33,15 +33,6 @@ constexpr int kFpsProbeFrames = 0;
 constexpr int kMaxTsProbePackets = 0;
 constexpr int64_t kMaxAnalyzeUs = 1000000;
 
-std::string Format(const char* fmt, ...) ZEVA_PRINTF_LIKE(1, 2);
-std::string Format(const char* fmt, ...) {
-  char buf[512];
-  va_list ap;
-  va_start(ap, fmt);
-  std::vsnprintf(buf, sizeof(buf), fmt, ap);
-  va_end(ap);
-  return buf;
-}
 
 // Per-input state of the demux loop.
 struct InputSlot {
@@ -81,18 +72,19 @@ Status InputContext::open_input(InputQueue& queue, const char* format, Demuxer& 
                                                                nullptr);
   if (raw_io == nullptr) {
     av_free(buffer);
-    return Status::Error(-12, Format("failed to allocate io for '%s'", format));
+    return Status::Error(-12, StringPrintf("failed to allocate io for '%s'", format));
   }
   IOContextPtr io(raw_io);
   io->seekable = 0;
 
   const AVInputFormat* fmt = av_find_input_format(format);
   if (fmt == nullptr) {
-    return Status::Error(AVERROR_MUXER_NOT_FOUND, Format("could not find input format '%s'", format));
+    return Status::Error(AVERROR_MUXER_NOT_FOUND,
+                         StringPrintf("could not find input format '%s'", format));
   }
   AVFormatContext* raw_ic = avformat_alloc_context();
   if (raw_ic == nullptr) {
-    return Status::Error(AVERROR(ENOMEM), Format("failed to allocate io for '%s'", format));
+    return Status::Error(AVERROR(ENOMEM), StringPrintf("failed to allocate io for '%s'", format));
   }
   raw_ic->pb = io.get();
   raw_ic->flags = AVFMT_FLAG_CUSTOM_IO;
@@ -102,7 +94,8 @@ Status InputContext::open_input(InputQueue& queue, const char* format, Demuxer& 
   // On failure avformat_open_input frees the context (not our I/O).
   int r = avformat_open_input(&raw_ic, nullptr, fmt, nullptr);
   if (r < 0) {
-    return Status::Error(r, Format("Could not open input '%s': %s", format, av_error_text(r)));
+    return Status::Error(
+        r, StringPrintf("Could not open input '%s': %s", format, av_error_text(r)));
   }
   InputFormatPtr ic(raw_ic);
   r = avformat_find_stream_info(ic.get(), nullptr);
@@ -112,7 +105,7 @@ Status InputContext::open_input(InputQueue& queue, const char* format, Demuxer& 
   if (r >= 0 && io->error < 0) r = io->error;
   if (r >= 0 && !has_stream_parameters(ic.get())) r = AVERROR_INVALIDDATA;
   if (r < 0) {
-    return Status::Error(r, Format("could not find stream information for '%s'", format));
+    return Status::Error(r, StringPrintf("could not find stream information for '%s'", format));
   }
   queue.probed = true;
   ZEVA_LOG(kLogError, "===> find input stream '%s' success.", queue.name.c_str());

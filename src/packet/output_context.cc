@@ -1,7 +1,6 @@
 #include "packet/output_context.h"
 
 #include <climits>
-#include <cstdarg>
 #include <cstdio>
 
 extern "C" {
@@ -11,6 +10,7 @@ extern "C" {
 
 #include "index/snapshot.h"
 #include "log/logger.h"
+#include "platform/text.h"
 #include "output/output_url.h"
 #include "output/packet_writer.h"
 #include "packet/aac_to_opus.h"
@@ -21,15 +21,6 @@ namespace {
 
 constexpr int32_t kUnbounded = INT32_MAX;
 
-std::string Format(const char* fmt, ...) ZEVA_PRINTF_LIKE(1, 2);
-std::string Format(const char* fmt, ...) {
-  char text[1024];
-  va_list ap;
-  va_start(ap, fmt);
-  std::vsnprintf(text, sizeof(text), fmt, ap);
-  va_end(ap);
-  return text;
-}
 
 const AVOutputFormat* GuessFormat(const std::string& url) {
   if (StartsWithNoCase(url.c_str(), "rtmp://")) return av_guess_format("flv", nullptr, nullptr);
@@ -62,14 +53,14 @@ Status OutputContext::open(const AVStream* video_stream, const AVStream* audio_s
     snapshot_ = std::make_unique<Snapshot>();
     if (!snapshot_->open(snapshot_path)) {
       snapshot_.reset();
-      return Status::Error(-7, Format("Snapshot open failed: %s", snapshot_path));
+      return Status::Error(-7, StringPrintf("Snapshot open failed: %s", snapshot_path));
     }
   }
 
   const AVOutputFormat* format = GuessFormat(url_);
   if (format == nullptr) {
     return Status::Error(AVERROR_UNKNOWN,
-                         Format("could not find suitable output format: %s", url_.c_str()));
+                         StringPrintf("could not find suitable output format: %s", url_.c_str()));
   }
   // With the format's private options allocated, so that the RTSP muxer's
   // transport and time-out can be set before it connects.
@@ -121,7 +112,7 @@ Status OutputContext::open(const AVStream* video_stream, const AVStream* audio_s
   // most the time-out; close() can cut the drain short through io_.
   if (const int r = OpenOutputIo(oc_.get(), url_.c_str(), timeout_sec, &io_); r < 0) {
     ZEVA_LOG(kLogError, "(%d)%s", r, av_error_text(r));
-    return Status::Error(-32, Format("Failed to open I/O for '%s'", url_.c_str()));
+    return Status::Error(-32, StringPrintf("Failed to open I/O for '%s'", url_.c_str()));
   }
 
   writer_ = std::make_unique<PacketWriter>(oc_.get());
@@ -133,7 +124,7 @@ Status OutputContext::open(const AVStream* video_stream, const AVStream* audio_s
 
   const int r = writer_->WriteHeader(&oc_->metadata);
   if (r < 0) {
-    return Status::Error(-33, Format("Failed to write header for '%s' (%d)%s", url_.c_str(), r,
+    return Status::Error(-33, StringPrintf("Failed to write header for '%s' (%d)%s", url_.c_str(), r,
                                      av_error_text(r)));
   }
   thread_ = std::thread(&OutputContext::WriterLoop, this);
@@ -170,7 +161,7 @@ void OutputContext::WriterLoop() {
     const int r = writer_->Write(PacketPtr(raw));
     if (r < 0) {
       const std::string text =
-          Format("Output thread Error(%d, %s): abort! %s", r, av_error_text(r), url_.c_str());
+          StringPrintf("Output thread Error(%d, %s): abort! %s", r, av_error_text(r), url_.c_str());
       ZEVA_LOG(kLogError, "%s", text.c_str());
       failed_ = true;
       packets_.abort();
@@ -183,7 +174,7 @@ void OutputContext::WriterLoop() {
   const int r = writer_->WriteTrailer();
   if (r < 0 && !failed_) {
     const std::string text =
-        Format("write trailer failed (%d, %s): %s", r, av_error_text(r), url_.c_str());
+        StringPrintf("write trailer failed (%d, %s): %s", r, av_error_text(r), url_.c_str());
     ZEVA_LOG(kLogError, "%s", text.c_str());
     failed_ = true;
     if (on_error_) on_error_(r, text);

@@ -1,6 +1,8 @@
 #include "platform/text.h"
 
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 namespace zeva {
@@ -46,6 +48,23 @@ std::u16string to_wide(const char* s, bool /*utf8*/) {
     i += extra + 1;
   }
   return out;
+}
+
+std::string StringPrintf(const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  va_list again;
+  va_copy(again, ap);
+  const int n = std::vsnprintf(nullptr, 0, fmt, ap);
+  va_end(ap);
+  std::string text;
+  if (n > 0) {
+    text.resize(static_cast<size_t>(n) + 1);
+    std::vsnprintf(text.data(), text.size(), fmt, again);
+    text.resize(static_cast<size_t>(n));
+  }
+  va_end(again);
+  return text;
 }
 
 }  // namespace zeva

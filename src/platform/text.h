@@ -12,6 +12,9 @@ namespace zeva {
 // U+10FFFF, cut sequences), gives the empty string.
 std::u16string to_wide(const char* s, bool utf8);
 
+// printf into a string, of whatever length the text needs.
+std::string StringPrintf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
 }  // namespace zeva
 
 #endif  // ZEVA_PLATFORM_TEXT_H
