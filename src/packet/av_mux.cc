@@ -1,7 +1,6 @@
 #include "packet/av_mux.h"
 
 #include <cinttypes>
-#include <cstring>
 #include <mutex>
 
 extern "C" {
