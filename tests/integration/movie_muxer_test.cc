@@ -13,7 +13,6 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include "encode/hardware_encoder.h"
 #include "encode/video_enc.h"
 #include "output/zv_av_writer.h"
 #include "support/encoded_media.h"
@@ -246,22 +245,16 @@ TEST_F(MovieMuxerTest, StartFailuresReachTheStatusCallback) {
   EXPECT_EQ(zeva::test::Probe(odd).format_name.rfind("mov,mp4", 0), 0u);
 }
 
-TEST_F(MovieMuxerTest, HardwareRequestFallsBackToSoftwareAndProbesOnce) {
-  const std::string url = Path("hw.mp4");
-  MovieInfo info = Settings(url);
+// Without a GPU here, a hardware request ends with libx264.
+TEST_F(MovieMuxerTest, HardwareRequestFallsBackToSoftware) {
+  MovieInfo info = Settings(Path("hw.mp4"));
   info.hardware = true;
-  info.width = info.src_width = 352;  // a size no other test probes
-  info.height = info.src_height = 288;
-  int probes = 0;
-  for (int run = 0; run < 2; ++run) {
-    MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, url.c_str()));
-    Status status;
-    ASSERT_EQ(Start(m, info, &status), 0) << status.message;
-    EXPECT_STREQ(m.video_stream().enc->codec->name, "libx264");
-    EXPECT_TRUE(run == 0 || zeva::hw_probe_open_count() == probes) << "not cached";
-    probes = zeva::hw_probe_open_count();
-    m.stop();
-  }
+  MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, info.url));
+  Status status;
+  ASSERT_EQ(Start(m, info, &status), 0) << status.message;
+  EXPECT_FALSE(m.effective().hardware);
+  EXPECT_STREQ(m.video_stream().enc->codec->name, "libx264");
+  m.stop();
 }
 
 }  // namespace
