@@ -5,20 +5,14 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cmath>
-#include <condition_variable>
 #include <filesystem>
-#include <mutex>
 #include <string>
-#include <thread>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/opt.h>
 }
 
-#include "encode/hardware_encoder.h"
 #include "encode/video_enc.h"
 #include "output/zv_av_writer.h"
 #include "support/encoded_media.h"
@@ -30,24 +24,14 @@ using zeva::MovieMuxer;
 
 namespace {
 
-// What the status callback received, waited on with a deadline.
+// What the status callback received; a synchronous start reports before
+// it returns.
 struct Status {
-  std::mutex mu;
-  std::condition_variable cv;
   int code = -1000;
   std::string message;
-  std::thread::id thread;
   static void Callback(int code, const char* message, void* user) {
-    auto* s = static_cast<Status*>(user);
-    std::lock_guard<std::mutex> lock(s->mu);
-    s->code = code;
-    s->message = message;
-    s->thread = std::this_thread::get_id();
-    s->cv.notify_all();
-  }
-  bool Wait() {
-    std::unique_lock<std::mutex> lock(mu);
-    return cv.wait_for(lock, std::chrono::seconds(20), [&] { return code != -1000; });
+    static_cast<Status*>(user)->code = code;
+    static_cast<Status*>(user)->message = message;
   }
 };
 
@@ -73,27 +57,8 @@ MovieInfo Settings(const std::string& url) {
   return info;
 }
 
-// A 440 Hz tone in whatever sample format the encoder's own frame has.
-void FillTone(AVFrame* f, int64_t first) {
-  const auto fmt = static_cast<AVSampleFormat>(f->format);
-  const bool planar = av_sample_fmt_is_planar(fmt);
-  const int channels = f->ch_layout.nb_channels;
-  for (int i = 0; i < f->nb_samples; ++i) {
-    const double v = 0.2 * std::sin(2 * M_PI * 440.0 * double(first + i) / f->sample_rate);
-    for (int ch = 0; ch < channels; ++ch) {
-      const int plane = planar ? ch : 0, at = planar ? i : i * channels + ch;
-      switch (av_get_packed_sample_fmt(fmt)) {
-        case AV_SAMPLE_FMT_FLT: reinterpret_cast<float*>(f->data[plane])[at] = float(v); break;
-        case AV_SAMPLE_FMT_S16: reinterpret_cast<int16_t*>(f->data[plane])[at] = int16_t(v * 32767); break;
-        case AV_SAMPLE_FMT_S32: reinterpret_cast<int32_t*>(f->data[plane])[at] = int32_t(v * 2e9); break;
-        default: break;
-      }
-    }
-  }
-}
-
 // Feeds `seconds` of the generated picture (host BGRA, converted by the
-// encoder) and a tone in the encoder's own audio frame.
+// encoder) and silence in the encoder's own audio frame.
 void Feed(MovieMuxer& m, double seconds) {
   const int fps = m.effective().fps;
   const AVRational vtb{1, fps};
@@ -109,7 +74,8 @@ void Feed(MovieMuxer& m, double seconds) {
     const AVRational atb{1, f->sample_rate};
     for (int64_t s = 0; s < int64_t(seconds * f->sample_rate); s += f->nb_samples) {
       ASSERT_GE(av_frame_make_writable(f), 0);
-      FillTone(f, s);
+      av_samples_set_silence(f->data, 0, f->nb_samples, f->ch_layout.nb_channels,
+                             static_cast<AVSampleFormat>(f->format));
       f->pts = s;
       ASSERT_GE(m.write_audio_frame(f, &atb), 0);
     }
@@ -118,17 +84,15 @@ void Feed(MovieMuxer& m, double seconds) {
 
 class MovieMuxerTest : public ::testing::Test {
  protected:
-  void SetUp() override { dir_ = zeva::test::MakeTempDir("muxer"); }
   void TearDown() override { fs::remove_all(dir_); }
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
 
   // Starts a muxer with the classic writer chain; returns the status code.
-  int Start(MovieMuxer& m, const MovieInfo& info, Status* status, bool async = false) {
-    m.start(info, &Status::Callback, status, async);
-    if (!status->Wait()) return -999;
+  int Start(MovieMuxer& m, const MovieInfo& info, Status* status) {
+    m.start(info, &Status::Callback, status, false);
     return status->code;
   }
-  std::string dir_;
+  const std::string dir_ = zeva::test::MakeTempDir("muxer");
 };
 
 struct ContainerCase {
@@ -140,12 +104,15 @@ struct ContainerCase {
 
 class Containers : public MovieMuxerTest, public ::testing::WithParamInterface<ContainerCase> {};
 
+// Every container gets its codecs; MP4 alone gets an index beside it.
 TEST_P(Containers, WriteTheContainersCodecsAtTheFedDuration) {
   const ContainerCase& c = GetParam();
-  const std::string url = Path(std::string("movie") + c.ext);
+  const std::string url = Path(std::string("movie") + c.ext), moov = Path("movie.moov");
+  MovieInfo info = Settings(url);
+  std::snprintf(info.moov_url, sizeof info.moov_url, "%s", moov.c_str());
   MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, url.c_str()));
   Status status;
-  ASSERT_EQ(Start(m, Settings(url), &status), 0) << status.message;
+  ASSERT_EQ(Start(m, info, &status), 0) << status.message;
   EXPECT_EQ(status.message, "start OK");
   EXPECT_EQ(m.effective().sample_rate, c.sample_rate);
   Feed(m, 2.0);
@@ -164,6 +131,11 @@ TEST_P(Containers, WriteTheContainersCodecsAtTheFedDuration) {
   EXPECT_EQ(r.streams[a].sample_rate, c.sample_rate);
   EXPECT_EQ(zeva::test::PacketsOf(r, v).size(), 50u);
   EXPECT_NEAR(r.duration, 2.0, 0.1) << c.ext;
+  if (std::string(c.ext) == ".mp4") {
+    zeva::test::ExpectIndexMatchesProbe(url, moov);
+  } else {
+    EXPECT_FALSE(fs::exists(moov));
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -248,8 +220,7 @@ TEST_F(MovieMuxerTest, UnsupportedRatesAreReplacedAndReported) {
 TEST_F(MovieMuxerTest, StartFailuresReachTheStatusCallback) {
   struct Row { std::string url; int width; const char* other; int code; const char* prefix; };
   const std::string missing = Path("missing-dir/x.flv");
-  for (const Row& row : {Row{Path("no-dir/x.mp4"), 320, nullptr, 11, "Could not open url"},
-                         Row{Path("odd.mp4"), 0, nullptr, 21, "Could not open video codec: "},
+  for (const Row& row : {Row{Path("odd.mp4"), 0, nullptr, 21, "Could not open video codec: "},
                          Row{Path("ok.mp4"), 320, missing.c_str(), 21, "io open failed: "}}) {
     SCOPED_TRACE(row.url);
     MovieInfo info = Settings(row.url);
@@ -274,61 +245,16 @@ TEST_F(MovieMuxerTest, StartFailuresReachTheStatusCallback) {
   EXPECT_EQ(zeva::test::Probe(odd).format_name.rfind("mov,mp4", 0), 0u);
 }
 
-TEST_F(MovieMuxerTest, AsyncStartReportsFromItsThreadAndStopCanOvertakeIt) {
-  const std::string url = Path("async.mp4");
-  {
-    MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, url.c_str()));
-    Status status;
-    ASSERT_EQ(Start(m, Settings(url), &status, true), 0) << status.message;
-    EXPECT_NE(status.thread, std::this_thread::get_id());
-    Feed(m, 0.5);
-    m.stop();
-  }
-  EXPECT_NEAR(zeva::test::Probe(url).duration, 0.5, 0.1);
-
-  // Nothing listens on that port: the stop must not wait for the network.
-  const auto t0 = std::chrono::steady_clock::now();
-  {
-    MovieInfo info = Settings("rtmp://127.0.0.1:9/live/none");
-    info.timeout_sec = 2;
-    MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, info.url));
-    Status status;
-    m.start(info, &Status::Callback, &status, true);
-    m.stop();
-  }
-  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(3));
-}
-
-TEST_F(MovieMuxerTest, Mp4IndexMatchesTheMovie) {
-  const std::string url = Path("indexed.mp4"), moov = Path("indexed.moov");
-  MovieInfo info = Settings(url);
-  std::snprintf(info.moov_url, sizeof info.moov_url, "%s", moov.c_str());
-  MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, url.c_str()));
+// Without a GPU here, a hardware request ends with libx264.
+TEST_F(MovieMuxerTest, HardwareRequestFallsBackToSoftware) {
+  MovieInfo info = Settings(Path("hw.mp4"));
+  info.hardware = true;
+  MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, info.url));
   Status status;
   ASSERT_EQ(Start(m, info, &status), 0) << status.message;
-  Feed(m, 2.0);
+  EXPECT_FALSE(m.effective().hardware);
+  EXPECT_STREQ(m.video_stream().enc->codec->name, "libx264");
   m.stop();
-  zeva::test::ExpectIndexMatchesProbe(url, moov);
-}
-
-TEST_F(MovieMuxerTest, HardwareRequestFallsBackToSoftwareAndProbesOnce) {
-  const std::string url = Path("hw.mp4");
-  MovieInfo info = Settings(url);
-  info.hardware = true;
-  info.width = info.src_width = 352;  // a size no other test probes
-  info.height = info.src_height = 288;
-  for (int run = 0; run < 2; ++run) {
-    const int probes_before = zeva::hw_probe_open_count();
-    MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, url.c_str()));
-    Status status;
-    ASSERT_EQ(Start(m, info, &status), 0) << status.message;
-    EXPECT_FALSE(m.effective().hardware);
-    EXPECT_STREQ(m.video_stream().enc->codec->name, "libx264");
-    if (run == 1) {
-      EXPECT_EQ(zeva::hw_probe_open_count(), probes_before);  // cached
-    }
-    m.stop();
-  }
 }
 
 }  // namespace

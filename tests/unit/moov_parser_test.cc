@@ -5,9 +5,7 @@
 #include <unistd.h>
 
 #include <cmath>
-#include <cstdio>
 #include <fstream>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -38,27 +36,18 @@ const char kDefaultAvccHex[] =
     "10,00,00,03,02,88,f1,83,2a,01,00,04,68,ce,0f,c8,\n";
 const char kNoStreams[] = "2:未找到有效的音视频流: {path}";
 
-// Each test writes one index file, in a directory of the suite's own.
+// Each test writes one index file of its own.
 class MoovParserTest : public testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    char pattern[] = "/tmp/zeva-moov-XXXXXX";
-    dir_ = mkdtemp(pattern) != nullptr ? pattern : "/tmp";
-  }
-  static void TearDownTestSuite() { rmdir(dir_.c_str()); }
-  void TearDown() override { std::remove(path_.c_str()); }
-
+  void TearDown() override { unlink(path_.c_str()); }
   const std::string& Write(const std::string& text) {
     std::ofstream(path_, std::ios::binary) << text;
     return path_;
   }
 
-  static std::string dir_;
-  const std::string path_ = dir_ + "/index.moov";
+  const std::string path_ = "/tmp/zeva-moov-" + std::to_string(getpid()) + ".moov";
   zeva::test::LogCapture log_;
 };
-
-std::string MoovParserTest::dir_;
 
 // ---------------------------------------------------------------------------
 // The head: stream descriptions, version, prepared extradata and every
@@ -73,8 +62,6 @@ struct HeadCase {
   std::vector<std::string> logs;
   std::string video_ev, audio_ev;
 };
-
-void PrintTo(const HeadCase& c, std::ostream* os) { *os << c.name; }
 
 class MoovHead : public MoovParserTest, public testing::WithParamInterface<HeadCase> {};
 
@@ -125,8 +112,11 @@ INSTANTIATE_TEST_SUITE_P(Index, MoovHead, testing::Values(
     HeadCase{"BadJsonEndsTheHead", kHead + "{\"type\":\"video\",\n" + Audio(48000, 2, "EZA=") + "\n",
              false, 2, {}, {kNoStreams}, "", ""},
     HeadCase{"EmptyFile", "", false, 0, {}, {kNoStreams}, "", ""},
-    // A configuration record where a byte stream belongs.
+    // A configuration record where a byte stream belongs, and a byte stream
+    // of the built-in SPS without its PPS.
     HeadCase{"EvWithoutStartCodes", kHead + Video(kDefaultAvcc) + "\n" + Audio(48000, 2, "EZA=") + "\n",
+             false, 2, kBoth, {"2:no sps/pps", "2:未找到v_extradata"}, "", ""},
+    HeadCase{"EvWithoutPps", kHead + Video("AAAAAWdCwCjaAeAIn5YQAAADABAAAAMCiPGDKg==") + "\n" + Audio(48000, 2, "EZA=") + "\n",
              false, 2, kBoth, {"2:no sps/pps", "2:未找到v_extradata"}, "", ""}),
     [](const testing::TestParamInfo<HeadCase>& info) { return info.param.name; });
 // clang-format on
@@ -146,7 +136,7 @@ TEST_F(MoovParserTest, ReadsMembersByKeyAndWrongTypesAsZero) {
                               v.index, v.width, v.height, v.tb_num, v.tb_den}),
             std::vector<int>({3, 6, 44100, 960, 1, 44100, 0, 0, -1080, 0, 0}));
 
-  const std::string missing = dir_ + "/missing.moov";
+  const std::string missing = path_ + ".missing";
   EXPECT_FALSE(parser.parse(missing.c_str()));
   EXPECT_FALSE(parser.has_audio() || parser.has_video());
   EXPECT_EQ(log_.Take().back(), "2:无法打开moov文件: " + missing);
