@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -140,6 +141,31 @@ INSTANTIATE_TEST_SUITE_P(, AacEncoderFormats,
                          ::testing::Values(Row{"s16", 44100, 2, 4}, Row{"flt32p", 48000, 2, 3},
                                            Row{"flt32", 22050, 1, 7}),
                          [](const auto& info) { return std::string(info.param.format); });
+
+// The resampler under the encoder converts between channel counts too: a
+// mono tone comes out the same on both channels of a stereo output.
+TEST(FFResample, MonoToStereo) {
+  FFResample r;
+  ASSERT_TRUE(r.init(AV_SAMPLE_FMT_FLT, 48000, 1, AV_SAMPLE_FMT_FLTP, 48000, 2));
+  FramePtr in = NewFrame();
+  in->format = AV_SAMPLE_FMT_FLT;
+  in->sample_rate = 48000;
+  in->nb_samples = 960;
+  av_channel_layout_default(&in->ch_layout, 1);
+  ASSERT_EQ(av_frame_get_buffer(in.get(), 0), 0);
+  const std::vector<float> tone = test::Sine(960, 48000, 1000.0, 0.5);
+  std::copy(tone.begin(), tone.end(), reinterpret_cast<float*>(in->data[0]));
+  ASSERT_TRUE(r.push(in.get()));
+  ASSERT_TRUE(r.drain());
+  ASSERT_GE(r.size(), 900);
+  const AVFrame* out = r.read(900);
+  ASSERT_NE(out, nullptr);
+  ASSERT_EQ(out->ch_layout.nb_channels, 2);
+  const auto* left = reinterpret_cast<const float*>(out->data[0]);
+  const auto* right = reinterpret_cast<const float*>(out->data[1]);
+  EXPECT_EQ(std::vector<float>(left, left + 900), std::vector<float>(right, right + 900));
+  EXPECT_GT(test::Measure(std::vector<float>(left, left + 900), 48000, 0, 900).rms, 0.2);
+}
 
 TEST(AacEncoder, RefusesWhatItCannotEncode) {
   struct Bad {
