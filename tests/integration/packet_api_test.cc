@@ -34,20 +34,19 @@ using zeva::test::ProbeResult;
 using zeva::test::Proto;
 using Clock = std::chrono::steady_clock;
 
+// What the status callback was told, one "code message" line each.
 struct StatusLog {
   std::mutex mu;
-  std::vector<std::pair<int, std::string>> calls;
+  std::string text = "\n";
   static void Callback(int code, const char* message, void* user) {
     auto* log = static_cast<StatusLog*>(user);
     std::lock_guard<std::mutex> lock(log->mu);
-    log->calls.emplace_back(code, message != nullptr ? message : "");
+    log->text += std::to_string(code) + " " + (message != nullptr ? message : "") + "\n";
   }
   bool Has(int code) { return Text().find("\n" + std::to_string(code) + " ") != std::string::npos; }
   std::string Text() {
     std::lock_guard<std::mutex> lock(mu);
-    std::string s = "\n";
-    for (const auto& c : calls) s += std::to_string(c.first) + " " + c.second + "\n";
-    return s;
+    return text;
   }
 };
 
@@ -265,9 +264,6 @@ TEST_F(PacketApi, BadInputGetsAClearResult) {
   EXPECT_FALSE(ZEVA2_write_audio_packet(nullptr, nullptr, 0, 0));
   EXPECT_FALSE(ZEVA2_write_audio_pcm(nullptr, nullptr, 0, 0));
   EXPECT_FALSE(ZEVA2_pause(nullptr));
-  EXPECT_FALSE(ZEVA2_resume(nullptr));
-  EXPECT_FALSE(ZEVA2_is_paused(nullptr));
-  EXPECT_EQ(ZEVA2_movie_time(nullptr), -1);
   ZEVA2_stop(nullptr);
   void* h = nullptr;
   ZEVA2_stop(&h);
@@ -330,7 +326,7 @@ TEST_F(PacketApi, BadInputGetsAClearResult) {
 TEST_F(PacketApi, AFailingFurtherOutputIsReportedByName) {
   for (const int keep : {0, 1}) {
     SCOPED_TRACE(keep);
-    status_.calls.clear();
+    status_.text = "\n";
     MovieInfo2 info = Info(Path("main.mp4"));
     info.acodec = 0;
     info.others[0] = "/dev/full";
