@@ -137,19 +137,24 @@ class PacketApi : public ::testing::Test {
     for (size_t i = 0; i < r.streams.size(); ++i) {
       const bool is_video = r.streams[i].codec_type == "video";
       ASSERT_EQ(r.streams[i].codec_name, is_video ? "h264" : "aac");
-      const auto packets = zeva::test::PacketsOf(r, int(i));
-      ASSERT_EQ(packets.size(), is_video ? m.video.size() : m.audio.size());
+      ASSERT_EQ(zeva::test::PacketsOf(r, int(i)).size(), is_video ? m.video.size() : m.audio.size());
       if (!is_video) continue;
       EXPECT_EQ(r.streams[i].width, m.width);
-      int num = 1, den = 1;
-      ASSERT_EQ(std::sscanf(r.streams[i].time_base.c_str(), "%d/%d", &num, &den), 2);
-      std::vector<int64_t> pts;
-      for (const auto& p : packets) pts.push_back(p.pts);
-      std::sort(pts.begin(), pts.end());
-      for (size_t k = 0; k < pts.size(); ++k) {
-        ASSERT_NEAR(double(pts[k] - pts[0]) * num / den * 1e6, double(m.video[k].pts_us), 1500) << k;
-      }
+      const std::vector<double> t = TimesUs(r, int(i));
+      for (size_t k = 0; k < t.size(); ++k) ASSERT_NEAR(t[k], double(m.video[k].pts_us), 1500) << k;
     }
+  }
+
+  // Stream `index`'s stamps in microseconds from its first, in order.
+  static std::vector<double> TimesUs(const ProbeResult& r, int index) {
+    int num = 1, den = 1;
+    EXPECT_EQ(std::sscanf(r.streams[index].time_base.c_str(), "%d/%d", &num, &den), 2);
+    std::vector<double> t;
+    for (const auto& p : zeva::test::PacketsOf(r, index)) t.push_back(double(p.pts) * num / den * 1e6);
+    std::sort(t.begin(), t.end());
+    const double first = t.empty() ? 0 : t[0];
+    for (double& x : t) x -= first;
+    return t;
   }
 
   std::string dir_;
@@ -249,13 +254,10 @@ TEST_F(PacketApi, PauseCutsThePausedTimeAndDropsPcm) {
   const ProbeResult r = Probe(Path("pause.mp4"));
   ASSERT_TRUE(r.ok) << r.errors;
   ASSERT_EQ(r.streams[0].codec_type, "video");
-  const auto packets = zeva::test::PacketsOf(r, 0);
-  ASSERT_EQ(packets.size(), m.video.size());
-  int num = 1, den = 1;
-  ASSERT_EQ(std::sscanf(r.streams[0].time_base.c_str(), "%d/%d", &num, &den), 2);
-  for (size_t i = 1; i < packets.size(); ++i) {
-    const double gap_us = double(packets[i].pts - packets[i - 1].pts) * num / den * 1e6;
-    EXPECT_NEAR(gap_us, double(m.video[i].pts_us - m.video[i - 1].pts_us), 1500 + slack) << i;
+  const std::vector<double> t = TimesUs(r, 0);
+  ASSERT_EQ(t.size(), m.video.size());
+  for (size_t i = 1; i < t.size(); ++i) {
+    EXPECT_NEAR(t[i] - t[i - 1], double(m.video[i].pts_us - m.video[i - 1].pts_us), 1500 + slack) << i;
   }
 }
 
