@@ -43,6 +43,9 @@ TEST(EsSplitterTest, AdtsFramesByLength) {
   EXPECT_EQ(Units(a + b, false), (std::vector<std::string>{a, b}));
   EXPECT_EQ(Units(a + b.substr(0, 100), false), (std::vector<std::string>{a}));  // truncated
   EXPECT_EQ(Units(a + "garbage!" + b, false), (std::vector<std::string>{a}));
+  std::string no_sync = a;
+  no_sync[0] = '\x7f';  // the rest of the header is as valid as before
+  EXPECT_TRUE(Units(no_sync + b, false).empty());
 }
 
 }  // namespace

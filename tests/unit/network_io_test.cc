@@ -5,7 +5,6 @@
 #include <string>
 
 extern "C" {
-#include <libavformat/avio.h>
 #include <libavutil/dict.h>
 }
 
@@ -14,24 +13,7 @@ extern "C" {
 namespace zeva {
 namespace {
 
-TEST(IoInterrupt, TriggerDeadlineAndReset) {
-  FakeClock clock(1000);
-  IoInterrupt io(clock);
-  const AVIOInterruptCB cb = io.callback();
-  EXPECT_EQ(cb.callback(cb.opaque), 0);
-  io.TriggerAfter(500);
-  io.TriggerAfter(900);  // a later deadline does not postpone the earlier one
-  clock.AdvanceUs(499);
-  EXPECT_EQ(cb.callback(cb.opaque), 0);
-  clock.AdvanceUs(1);
-  EXPECT_EQ(cb.callback(cb.opaque), 1);
-  io.Reset();
-  EXPECT_FALSE(io.triggered());
-  io.Trigger();
-  io.TriggerAfter(10);  // a trigger stays in force
-  EXPECT_TRUE(io.triggered());
-}
-
+// The time-out options each kind of output is opened with.
 TEST(NetworkTimeoutOptions, PerUrlKind) {
   struct Row {
     const char* url;
@@ -52,8 +34,6 @@ TEST(NetworkTimeoutOptions, PerUrlKind) {
       got += std::string(e->key) + "=" + e->value + ";";
     EXPECT_EQ(got, row.expected) << (row.url ? row.url : "null") << " " << row.timeout_sec;
   }
-  EXPECT_TRUE(IsNetworkUrl("rtsp://h"));
-  EXPECT_FALSE(IsNetworkUrl("http://h/x.flv"));
 }
 
 }  // namespace
