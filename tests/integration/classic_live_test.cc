@@ -112,9 +112,9 @@ TEST_F(ClassicLive, SilentServerFailsTheStartOrTheStopInterruptsIt) {
     bool further, async;
     int timeout_sec;
   };
-  // Asynchronous first: without the time-out a synchronous start never returns.
+  // RTMP starts asynchronously: without the time-out a synchronous one never returns.
   for (const Row row : {Row{"rtmp", false, true, 1}, Row{"rtsp", false, false, 1},
-                        Row{"rtmp", true, false, 1}, Row{"rtmp", false, true, 0},
+                        Row{"rtmp", true, true, 1}, Row{"rtmp", false, true, 0},
                         Row{"rtsp", true, true, 0}, Row{"dead", false, true, 0}}) {
     SCOPED_TRACE(std::string(row.name) + (row.further ? " further, " : " main, ") +
                  std::to_string(row.timeout_sec));
