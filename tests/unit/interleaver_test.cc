@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,6 +28,8 @@ struct Case {
 std::string Describe(const IntInterleaver::Entry& e) {
   return std::to_string(e.stream) + ":" + std::to_string(e.dts_us);
 }
+
+void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 
 class InterleaverOrder : public testing::TestWithParam<Case> {};
 
@@ -65,7 +68,7 @@ TEST_P(InterleaverOrder, ReleasesInDtsOrderWhenAllowed) {
 constexpr int64_t kLong = 10'000'000;  // a bound no row reaches
 
 INSTANTIATE_TEST_SUITE_P(
-    Rows, InterleaverOrder,
+    Interleaver, InterleaverOrder,
     testing::Values(
         Case{"TwoStreamsAlternating", 2, kLong,
              {{0, 0}, {1, 5}, {0, 10}, {1, 15}, {0, 20}},
