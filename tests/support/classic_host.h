@@ -38,41 +38,30 @@ class Status {
     self->reports_.push_back({code, message != nullptr ? message : "", std::this_thread::get_id()});
     self->cv_.notify_all();
   }
-  // The first failure, else the first report.
-  Report Get() const {
-    std::lock_guard<std::mutex> lock(mu_);
+  // Waits up to `seconds` for a report (with `failure`, for a failure); then
+  // the first failure, else the first report.
+  Report Wait(double seconds = 0, bool failure = false) {
+    std::unique_lock<std::mutex> lock(mu_);
+    cv_.wait_for(lock, std::chrono::duration<double>(seconds), [&] {
+      return std::any_of(reports_.begin(), reports_.end(),
+                         [&](const Report& r) { return !failure || r.code != 0; });
+    });
     for (const Report& r : reports_)
       if (r.code != 0) return r;
     return reports_.empty() ? Report{} : reports_[0];
   }
-  // Waits up to `seconds` for a first report, then Get().
-  Report Wait(double seconds) {
-    std::unique_lock<std::mutex> lock(mu_);
-    cv_.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return !reports_.empty(); });
-    lock.unlock();
-    return Get();
-  }
-  // Waits up to `seconds` for a failure, then Get().
-  Report WaitFailure(double seconds) {
-    std::unique_lock<std::mutex> lock(mu_);
-    cv_.wait_for(lock, std::chrono::duration<double>(seconds), [this] {
-      return std::any_of(reports_.begin(), reports_.end(), [](const Report& r) { return r.code != 0; });
-    });
-    lock.unlock();
-    return Get();
-  }
-  size_t count() const {
+  size_t count() {
     std::lock_guard<std::mutex> lock(mu_);
     return reports_.size();
   }
 
  private:
-  mutable std::mutex mu_;
+  std::mutex mu_;
   std::condition_variable cv_;
   std::vector<Report> reports_;
 };
 
-inline MovieInfo Settings(const std::string& url, int w, int h) {
+inline MovieInfo Settings(const std::string& url, int w = 320, int h = 240) {
   MovieInfo info{};
   std::snprintf(info.url, sizeof info.url, "%s", url.c_str());
   info.audio_bitrate = 128;
@@ -103,9 +92,9 @@ class Host {
       : info_(info) {
     h_ = ZEVA_start(info, &Status::Callback, &status_, effective, async);
     base_ = ZEVA_current_sys_usec();
-    const int bpp = info.src_pix_fmt == AV_PIX_FMT_YUV420P ? 2 : 4;  // YUV: 1.5, rounded up
-    stride_ = info.src_width * (bpp == 4 ? 4 : 1);
-    picture_.resize(static_cast<size_t>(stride_) * info.src_height * (bpp == 4 ? 1 : 2));
+    const bool yuv = info.src_pix_fmt == AV_PIX_FMT_YUV420P;
+    stride_ = info.src_width * (yuv ? 1 : 4);
+    picture_.resize(size_t(stride_) * info.src_height * (yuv ? 2 : 1));
   }
   ~Host() { ZEVA_stop(&h_); }
   void* handle() const { return h_; }
@@ -114,29 +103,33 @@ class Host {
   void Stop() { ZEVA_stop(&h_); }
 
   // Feeds pictures and 10 ms PCM chunks, in time order, from the media time
-  // reached so far up to `until_s`; with `skip`, the time passes unfed.
-  void FeedUntil(double until_s, bool skip = false) {
+  // reached so far up to `until_s`; with `silent`, pictures only and then one
+  // null PCM call that fills the gap with silence.
+  void FeedUntil(double until_s, bool silent = false) {
     const int64_t until_us = static_cast<int64_t>(until_s * 1e6);
     while (true) {
       const int64_t next_video = frames_ * 1000000 / info_.fps;
       const int64_t next_audio = samples_ * 1000000 / info_.src_sample_rate;
-      const int64_t next = std::min(next_video, next_audio);
-      if (next >= until_us) break;
-      if (next_video <= next_audio) {
-        if (!skip) {
-          Draw(frames_);
-          accepted_video_ += ZEVA_write_video_bgra(h_, picture_.data(), int(picture_.size()),
-                                                   Stamp(next_video), stride_);
-        }
+      if (std::min(next_video, silent ? until_us : next_audio) >= until_us) break;
+      if (silent || next_video <= next_audio) {
+        for (size_t i = 0; i < picture_.size(); i += 64) picture_[i] = uint8_t(i / 64 + 3 * frames_);
+        accepted_video_ += ZEVA_write_video_bgra(h_, picture_.data(), int(picture_.size()),
+                                                 Stamp(next_video), stride_);
         ++frames_;
-      } else {
-        const int n = info_.src_sample_rate / 100;
-        if (!skip) {
-          Tone(n);
-          ZEVA_write_audio_pcm(h_, pcm_.data(), int(pcm_.size() * sizeof(int16_t)), Stamp(next_audio));
-        }
-        samples_ += n;
+        continue;
       }
+      const int n = info_.src_sample_rate / 100;
+      pcm_.resize(size_t(n) * 2);
+      for (int i = 0; i < n; ++i) {
+        const double t = double(samples_ + i) / info_.src_sample_rate;
+        pcm_[2 * i] = pcm_[2 * i + 1] = int16_t(6000 * std::sin(2 * M_PI * 440.0 * t));
+      }
+      ZEVA_write_audio_pcm(h_, pcm_.data(), int(pcm_.size() * sizeof(int16_t)), Stamp(next_audio));
+      samples_ += n;
+    }
+    if (silent) {
+      samples_ = until_us * info_.src_sample_rate / 1000000;
+      ZEVA_write_audio_pcm(h_, nullptr, 0, Stamp(until_us));
     }
   }
   // Pause for `real_ms` of real time while the media clock moves on by the
@@ -145,40 +138,17 @@ class Host {
     const int64_t t0 = ZEVA_current_sys_usec();
     ASSERT_TRUE(ZEVA_pause(h_));
     EXPECT_TRUE(ZEVA_is_paused(h_));
-    Draw(0);
     EXPECT_FALSE(ZEVA_write_video_bgra(h_, picture_.data(), int(picture_.size()),
                                        ZEVA_current_sys_usec(), stride_));  // refused while paused
     std::this_thread::sleep_for(std::chrono::milliseconds(real_ms));  // the host's pause
     ASSERT_TRUE(ZEVA_resume(h_));
     paused_us_ += ZEVA_current_sys_usec() - t0;
   }
-  // Silence: no PCM until `until_s`, then one null call that fills the gap.
-  void SilenceUntil(double until_s) {
-    const int64_t until_us = static_cast<int64_t>(until_s * 1e6);
-    while (frames_ * 1000000 / info_.fps < until_us) {
-      Draw(frames_);
-      ZEVA_write_video_bgra(h_, picture_.data(), int(picture_.size()),
-                            Stamp(frames_ * 1000000 / info_.fps), stride_);
-      ++frames_;
-    }
-    samples_ = until_us * info_.src_sample_rate / 1000000;
-    ZEVA_write_audio_pcm(h_, nullptr, 0, Stamp(until_us));
-  }
   int accepted_video() const { return accepted_video_; }
   int64_t fed_samples() const { return samples_; }
 
  private:
   int64_t Stamp(int64_t media_us) const { return base_ + media_us + paused_us_; }
-  void Draw(int64_t n) {
-    for (size_t i = 0; i < picture_.size(); i += 64) picture_[i] = uint8_t(i / 64 + 3 * n);
-  }
-  void Tone(int n) {
-    pcm_.resize(static_cast<size_t>(n) * 2);
-    for (int i = 0; i < n; ++i) {
-      const auto v = int16_t(6000 * std::sin(2 * M_PI * 440.0 * double(samples_ + i) / info_.src_sample_rate));
-      pcm_[2 * i] = pcm_[2 * i + 1] = v;
-    }
-  }
 
   MovieInfo info_;
   Status status_;

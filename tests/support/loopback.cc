@@ -1,6 +1,7 @@
 #include "support/loopback.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -30,6 +31,10 @@ int FreeLoopbackPort() {
   return port;
 }
 
+namespace {
+
+// Whether some process listens on TCP port `port` of 127.0.0.1, read from
+// /proc/net/tcp: unlike a trial connect, it does not count as a client.
 bool IsListening(int port) {
   // Lines read "  0: 0100007F:B814 00000000:0000 0A ...": local address and
   // port in hex, then the remote one, then the state (0A is LISTEN).
@@ -44,6 +49,35 @@ bool IsListening(int port) {
       return true;
   }
   return false;
+}
+
+}  // namespace
+
+pid_t SpawnListening(const std::vector<std::string>& argv, int port, const std::string& log) {
+  if (port == 0 || argv.empty()) return -1;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (const int fd = log.empty() ? -1 : open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644); fd >= 0) {
+      dup2(fd, STDERR_FILENO);
+      dup2(fd, STDOUT_FILENO);
+    }
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (pid > 0 && !IsListening(port)) {
+    if (WaitForExit(pid, 0)) return -1;
+    if (std::chrono::steady_clock::now() > deadline) {
+      EndChild(pid, SIGKILL, 10);
+      return -1;
+    }
+    // Polling an external process that offers nothing to wait on.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return pid;
 }
 
 bool WaitForExit(pid_t pid, double seconds, int* status) {

@@ -4,14 +4,18 @@
 
 #include <sys/types.h>
 
+#include <string>
+#include <vector>
+
 namespace zeva::test {
 
 // A TCP port of 127.0.0.1 that was free a moment ago; 0 when none was found.
 int FreeLoopbackPort();
 
-// Whether some process listens on TCP port `port` of 127.0.0.1, read from
-// /proc/net/tcp: unlike a trial connect, it does not count as a client.
-bool IsListening(int port);
+// Runs `argv` as a child, its output into the file `log` when not empty, and
+// waits (at most 10 s) until it listens on TCP port `port` of 127.0.0.1.
+// The child's pid, or -1 when it ended or never listened (it is killed then).
+pid_t SpawnListening(const std::vector<std::string>& argv, int port, const std::string& log);
 
 // Waits up to `seconds` for the child `pid` to end and reaps it. True when
 // it ended; its wait status goes to `*status` when not null.

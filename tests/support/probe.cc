@@ -2,9 +2,9 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
+
+#include "support/files.h"
 
 namespace zeva::test {
 namespace {
@@ -41,12 +41,7 @@ ProbeResult Probe(const std::string& path) {
   const std::string err_file = path + ".probe-err";
   const std::string json = Run("ffprobe -v error -of json -show_format -show_streams -show_packets '" +
                                path + "' 2>'" + err_file + "'");
-  {
-    std::ifstream e(err_file);
-    std::stringstream ss;
-    ss << e.rdbuf();
-    r.errors = ss.str();
-  }
+  r.errors = ReadFile(err_file);
   std::remove(err_file.c_str());
   const auto j = nlohmann::json::parse(json, nullptr, false);
   if (j.is_discarded() || !j.is_object()) return r;

@@ -3,7 +3,6 @@
 #include "support/loopback.h"
 
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -40,26 +39,7 @@ RtmpServer::RtmpServer(const std::string& dir) : dir_(dir), port_(FreeLoopbackPo
                       << "rtmp { server { listen 127.0.0.1:" << port_ << ";\n"
                       << "  application live { live on; record all; record_path " << dir_
                       << "; record_unique off; } } }\n";
-  pid_ = fork();
-  if (pid_ == 0) {
-    execl(kNginx, "nginx", "-q", "-p", dir_.c_str(), "-c", conf.c_str(),
-          static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!IsListening(port_)) {
-    int status;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      return;
-    }
-    if (std::chrono::steady_clock::now() > deadline) {
-      Kill();
-      return;
-    }
-    // Polling an external process that offers nothing to wait on.
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  pid_ = SpawnListening({kNginx, "-q", "-p", dir_, "-c", conf}, port_, "");
 }
 
 RtmpServer::~RtmpServer() { Stop(); }

@@ -22,8 +22,6 @@ class RtspReceiver {
   std::string Url() const;
   // The received streams, complete once Stop() returned.
   std::string RecordPath() const { return dir_ + "/received.mkv"; }
-  // ffmpeg's messages (errors only).
-  std::string LogPath() const { return dir_ + "/rtsp-receiver.log"; }
   // The receiver ends by itself when the publisher tears the session down;
   // waits for that (10 s at most), else interrupts it as Ctrl-C does, which
   // also finishes the file, and kills it 5 s later.

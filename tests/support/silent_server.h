@@ -15,7 +15,6 @@ class SilentServer {
   SilentServer(const SilentServer&) = delete;
   SilentServer& operator=(const SilentServer&) = delete;
   bool ok() const { return fd_ >= 0; }
-  int port() const { return port_; }
   // Waits up to `seconds` for a client to have connected; true if one has.
   bool WaitForClient(double seconds) const;
   // `scheme`://127.0.0.1:PORT/live/x, e.g. for "rtmp" or "rtsp".

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -51,22 +52,6 @@ TEST(ApplyPresetOptions, EveryNameReachesLibx264) {
   EXPECT_EQ(GetOption(ctx.get(), "tune"), "zerolatency");
 }
 
-TEST(ApplyPresetOptions, AppliedEncoderOpens) {
-  auto ctx = NewEncoderContext("libx264");
-  ASSERT_TRUE(ctx);
-  ctx->width = 320;
-  ctx->height = 240;
-  ctx->pix_fmt = AV_PIX_FMT_YUV420P;
-  ctx->time_base = {1, 30};
-  ctx->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-  zeva::apply_preset_options(ctx.get(), QL_MEDIUM, PL_BASELINE, TL_ZEROLATENCY);
-  ASSERT_EQ(avcodec_open2(ctx.get(), nullptr, nullptr), 0);
-  // "medium" alone would choose High; the SPS in the global header
-  // (00 00 00 01 67 profile_idc) shows the profile cap took effect.
-  ASSERT_GT(ctx->extradata_size, 5);
-  EXPECT_EQ(ctx->extradata[5], 66);  // Baseline
-}
-
 TEST(ApplyPresetOptions, OutOfRangeValueIsLoggedAndLeftUnchanged) {
   zeva::test::LogCapture log;
   auto ctx = NewEncoderContext("libx264");
@@ -81,16 +66,45 @@ TEST(ApplyPresetOptions, OutOfRangeValueIsLoggedAndLeftUnchanged) {
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[0], "2:--- invalid preset value 11, left unchanged");
   EXPECT_EQ(lines[1], "2:--- invalid tune value -1, left unchanged");
-}
-
-TEST(ApplyPresetOptions, EncoderWithoutSuchOptionsIsUntouched) {
-  zeva::test::LogCapture log;
-  auto ctx = NewEncoderContext("aac");
-  ASSERT_TRUE(ctx);
-  zeva::apply_preset_options(ctx.get(), QL_MEDIUM, PL_HIGH, TL_FILM);
-  EXPECT_EQ(GetOption(ctx.get(), "preset"), "<none>");
+  // Encoders without such options, or none at all, are left alone silently.
+  auto aac = NewEncoderContext("aac");
+  zeva::apply_preset_options(aac.get(), QL_MEDIUM, PL_HIGH, TL_FILM);
+  EXPECT_EQ(GetOption(aac.get(), "preset"), "<none>");
   zeva::apply_preset_options(nullptr, QL_MEDIUM, PL_HIGH, TL_FILM);
   EXPECT_TRUE(log.Take().empty());
+}
+
+// The names follow the enumeration's own order, fastest first: each preset
+// makes x264 search sub-pixel motion harder than the one before it (its
+// "subme" setting, which it writes into the stream's first SEI). The profile
+// caps every preset: the SPS (00 00 00 01 67 profile_idc) says Baseline.
+TEST(ApplyPresetOptions, PresetsFollowTheEnumerationsSpeedOrderUnderTheProfileCap) {
+  int previous = -1;
+  for (int p = QL_ULTRAFAST; p < QL_NONE; ++p) {
+    auto ctx = NewEncoderContext("libx264");
+    ASSERT_TRUE(ctx);
+    ctx->width = 64;
+    ctx->height = 64;
+    ctx->pix_fmt = AV_PIX_FMT_YUV420P;
+    ctx->time_base = {1, 25};
+    zeva::apply_preset_options(ctx.get(), p, PL_BASELINE, TL_ZEROLATENCY);
+    ASSERT_EQ(avcodec_open2(ctx.get(), nullptr, nullptr), 0);
+    zeva::FramePtr frame = zeva::NewFrame();
+    frame->format = AV_PIX_FMT_YUV420P;
+    frame->width = frame->height = 64;
+    ASSERT_EQ(av_frame_get_buffer(frame.get(), 0), 0);
+    zeva::PacketPtr pkt = zeva::NewPacket();
+    ASSERT_EQ(avcodec_send_frame(ctx.get(), frame.get()), 0);
+    ASSERT_EQ(avcodec_receive_packet(ctx.get(), pkt.get()), 0);
+    ASSERT_GT(pkt->size, 5);
+    EXPECT_EQ(pkt->data[5], 66);
+    const std::string bytes(reinterpret_cast<const char*>(pkt->data), size_t(pkt->size));
+    const size_t at = bytes.find(" subme=");
+    ASSERT_NE(at, std::string::npos) << preset_to_str(static_cast<Quality_Level>(p));
+    const int subme = std::atoi(bytes.c_str() + at + 7);
+    EXPECT_GT(subme, previous) << preset_to_str(static_cast<Quality_Level>(p));
+    previous = subme;
+  }
 }
 
 }  // namespace
