@@ -2,14 +2,13 @@
 // with a crash-safe index beside it, so that a test can kill it at any moment
 // and compare what the repair rebuilds with the same recording run to its end.
 //
-//   zeva_crash_recorder OUT INDEX SECONDS [--no-audio] [--size WxH] [--fps N] [--pace X]
+//   zeva_crash_recorder OUT INDEX SECONDS PACE [--no-audio]
 //
 // Pictures and tone depend only on the frame and sample counters, and every
 // frame is stamped with the library's clock at start plus its media time, so
-// two runs hand the encoders identical input. --pace X feeds X seconds of
-// media per second of real time (default 2; 0 feeds as fast as it can).
-// "started" is printed once the output is open: from then on the process is
-// writing the movie and its index.
+// two runs hand the encoders identical input. PACE feeds PACE seconds of
+// media per second of real time (0 feeds as fast as it can).
+// Pictures are 160x120 at 30 fps.
 #include <zeva/zeva.h>
 
 #include <chrono>
@@ -28,44 +27,15 @@ extern "C" {
 namespace {
 
 constexpr int kSampleRate = 48000;
-constexpr int kChannels = 2;
-
-struct Status {
-  int code = -1000;
-  static void Callback(int code, const char*, void* user) {
-    auto* s = static_cast<Status*>(user);
-    if (s->code == -1000 || code != 0) s->code = code;
-  }
-};
-
-int Usage() {
-  std::fprintf(stderr,
-               "usage: zeva_crash_recorder OUT INDEX SECONDS [--no-audio] [--size WxH] [--fps N] "
-               "[--pace X]\n");
-  return 2;
-}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 4) return Usage();
+  if (argc < 5) return 2;
   const double seconds = std::atof(argv[3]);
-  bool audio = true;
-  int width = 320, height = 240, fps = 30;
-  double pace = 2.0;
-  for (int i = 4; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--no-audio") == 0) {
-      audio = false;
-    } else if (std::strcmp(argv[i], "--size") == 0 && i + 1 < argc) {
-      if (std::sscanf(argv[++i], "%dx%d", &width, &height) != 2) return Usage();
-    } else if (std::strcmp(argv[i], "--fps") == 0 && i + 1 < argc) {
-      fps = std::atoi(argv[++i]);
-    } else if (std::strcmp(argv[i], "--pace") == 0 && i + 1 < argc) {
-      pace = std::atof(argv[++i]);
-    } else {
-      return Usage();
-    }
-  }
+  const double pace = std::atof(argv[4]);
+  const bool audio = argc < 6 || std::strcmp(argv[5], "--no-audio") != 0;
+  const int width = 160, height = 120, fps = 30;
 
   MovieInfo info{};
   std::snprintf(info.url, sizeof info.url, "%s", argv[1]);
@@ -73,7 +43,7 @@ int main(int argc, char** argv) {
   info.disable_audio = !audio;
   info.audio_bitrate = 128;
   info.src_sample_rate = info.sample_rate = kSampleRate;
-  info.channels = kChannels;
+  info.channels = 2;
   info.sample_fmt = AV_SAMPLE_FMT_S16;
   // A constant quantiser: with zerolatency's sliced threads, x264's
   // bit-rate control (VBV) decides row by row from the other slices'
@@ -91,20 +61,23 @@ int main(int argc, char** argv) {
   info.profile = PL_BASELINE;
   info.tune = TL_ZEROLATENCY;
 
-  Status status;
-  void* h = ZEVA_start(info, &Status::Callback, &status, nullptr, false);
-  if (status.code != 0) {
-    std::fprintf(stderr, "start failed: %d\n", status.code);
+  // The first report, or the first failure after it.
+  int status = -1000;
+  auto report = [](int code, const char*, void* user) {
+    int* s = static_cast<int*>(user);
+    if (*s == -1000 || code != 0) *s = code;
+  };
+  void* h = ZEVA_start(info, report, &status, nullptr, false);
+  if (status != 0) {
+    std::fprintf(stderr, "start failed: %d\n", status);
     ZEVA_stop(&h);
     return 1;
   }
-  std::printf("started\n");
-  std::fflush(stdout);
 
   const int stride = width * 4;
   std::vector<uint8_t> picture(static_cast<size_t>(stride) * height, 16);
   const int chunk = kSampleRate / 100;  // 10 ms of PCM per call
-  std::vector<int16_t> pcm(static_cast<size_t>(chunk) * kChannels);
+  std::vector<int16_t> pcm(static_cast<size_t>(chunk) * 2);
   const int64_t base = ZEVA_current_sys_usec();
   const auto wall0 = std::chrono::steady_clock::now();
   const int64_t end_us = static_cast<int64_t>(seconds * 1e6);
@@ -138,5 +111,5 @@ int main(int argc, char** argv) {
     }
   }
   ZEVA_stop(&h);
-  return status.code == 0 ? 0 : 1;
+  return status == 0 ? 0 : 1;
 }

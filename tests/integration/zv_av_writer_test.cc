@@ -128,21 +128,6 @@ TEST_F(WriterChain, FailingFurtherOutputIsReportedAndMainStaysComplete) {
   zeva::test::ExpectIndexMatchesProbe(mp4, moov);
 }
 
-// A further output that cannot open fails the opening; an index that cannot
-// leaves the recording running.
-TEST_F(WriterChain, FurtherOutputButNotIndexInAMissingDirectoryFailsTheOpening) {
-  const std::string bad = Path("missing-dir/copy.flv"), mp4 = Path("main.mp4");
-  auto r = Record(mp4, {bad.c_str()}, "", nullptr, Media());
-  EXPECT_TRUE(r.failed);
-  EXPECT_EQ(r.value, -6);
-  EXPECT_EQ(r.message.rfind("io open failed: ", 0), 0u) << r.message;
-  EXPECT_NE(r.message.find(bad), std::string::npos);
-  r = Record(mp4, {}, Path("missing-dir/main.moov"), nullptr, Media());
-  ASSERT_FALSE(r.failed) << r.message;
-  ExpectComplete(Probe(mp4), Media(), "mp4 without index");
-  EXPECT_FALSE(fs::exists(Path("missing-dir")));
-}
-
 TEST_F(WriterChain, PacketsWhoseTimeDoesNotGrowAndBadArgumentsAreRefused) {
   const std::string flv = Path("drop.flv");
   zeva::OutputFormatPtr oc = MainContext(flv, Media());
@@ -176,20 +161,6 @@ TEST_F(WriterChain, PacketsWhoseTimeDoesNotGrowAndBadArgumentsAreRefused) {
   unopened.stop();
   EXPECT_FALSE(unopened.start());
   EXPECT_EQ(unopened.open(nullptr, nullptr, nullptr).value, -20);
-}
-
-TEST_F(WriterChain, TwoRecordingsAtOnceWriteIndependentIndexes) {
-  std::vector<std::thread> threads;
-  for (const char* name : {"one", "two"}) {
-    threads.emplace_back([this, name] {
-      Record(Path(name) + ".mp4", {}, Path(name) + ".moov", nullptr, Media());
-    });
-  }
-  for (auto& t : threads) t.join();
-  for (const char* name : {"one", "two"}) {
-    ExpectComplete(Probe(Path(name) + ".mp4"), Media(), name);
-    zeva::test::ExpectIndexMatchesProbe(Path(name) + ".mp4", Path(name) + ".moov");
-  }
 }
 
 }  // namespace

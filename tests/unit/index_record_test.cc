@@ -76,26 +76,6 @@ INSTANTIATE_TEST_SUITE_P(
                   "-2147483648,-9223372036854775808,2147483647,9223372036854775807,-9223372036854775808,-1,1;"}),
     [](const testing::TestParamInfo<WriteCase>& info) { return info.param.name; });
 
-TEST(RecordText, WhatDoesNotFitLeavesTheLineUntouched) {
-  const IndexRecord r{0, 0, 812, 512, 512, 512, 0};  // ",,812,512,,512,;" is 16 bytes
-  char line[20] = "abc";
-  size_t length = 3;
-  EXPECT_FALSE(zeva::AppendIndexRecord(line, 19, &length, r, false));  // needs 20 with the NUL
-  EXPECT_STREQ(line, "abc");
-  EXPECT_EQ(length, 3u);
-  ASSERT_TRUE(zeva::AppendIndexRecord(line, 20, &length, r, false));
-  EXPECT_STREQ(line, "abc,,812,512,,512,;");
-  // The longest record fits the bound given for it.
-  char longest[zeva::kIndexRecordMaxText + 1];
-  size_t n = 0;
-  ASSERT_TRUE(zeva::AppendIndexRecord(longest, sizeof longest, &n,
-                                      {INT_MIN, INT64_MIN, INT_MIN, INT64_MIN, INT64_MIN + 1, INT64_MIN, INT_MIN},
-                                      false));
-  EXPECT_EQ(n, zeva::kIndexRecordMaxText);
-}
-
-// Reader: whole lines as they come from the file, good and bad, in the
-// sparse syntax of version 2 and the full one of version 1.
 struct ReadCase {
   const char* name;
   int version;
@@ -135,24 +115,6 @@ INSTANTIATE_TEST_SUITE_P(
         ReadCase{"UnknownVersion", 3, ",,812,512,,512,;", {}}),
     [](const testing::TestParamInfo<ReadCase>& info) { return info.param.name; });
 
-TEST(RecordLine, LongestLineOfTheReaderBufferAndNullArguments) {
-  // What a reader with an 8192-byte buffer hands over: 8191 bytes and a NUL.
-  std::string line;
-  while (line.size() + 16 <= 8191) line += ",,812,512,,512,;";
-  const size_t whole = line.size() / 16;
-  line += ",,812,512,,512,;";  // the record split by the buffer boundary
-  line.resize(8191);
-  EXPECT_EQ(ReadText(line, 2), std::vector<std::string>(whole, kVideo));
-  const std::string digits(8191, '9');  // one endless field
-  EXPECT_TRUE(ReadLine(digits.c_str(), 2).empty());
-  EXPECT_TRUE(ReadLine(digits.c_str(), 1).empty());
-  IndexRecord r;
-  EXPECT_EQ(zeva::ReadIndexRecord(nullptr, 2, &r), nullptr);
-  EXPECT_EQ(zeva::ReadIndexRecord(",,1,,,,;", 2, nullptr), nullptr);
-}
-
-// Decoder: record lines of a file with video stream 0 and audio stream 1
-// (frame size 1024) back into packets.
 struct DecodeCase {
   const char* name;
   std::string line;
@@ -195,11 +157,5 @@ INSTANTIATE_TEST_SUITE_P(
                    {"{0,9223372036854775807,1,9223372036854775807,9223372036854775807,0,0}",
                     "{0,-9223372036854775808,1,-9223372036854775808,-9223372036854775808,0,0}"}}),
     [](const testing::TestParamInfo<DecodeCase>& info) { return info.param.name; });
-
-TEST(RecordDecoding, WithoutAudioStreamNothingIsAudio) {
-  zeva::IndexRecordDecoder decoder(-1, 1024);
-  EXPECT_EQ(decoder.Decode({-1, 48, 1, 5, 0, 0, 0}).duration, 0);
-  EXPECT_EQ(decoder.Decode({1, 0, 1, 5, 0, 0, 0}).pts, 10);  // one class for all
-}
 
 }  // namespace
