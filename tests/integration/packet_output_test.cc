@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <iostream>
 #include <string>
 #include <thread>
 
@@ -21,33 +20,25 @@ using zeva::test::EsMedia;
 
 class PacketOutput : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(media().error, "");
-    dir_ = zeva::test::MakeTempDir("packet-out");
-  }
   void TearDown() override {
-    if (HasFailure()) {
-      std::cout << "files kept in " << dir_ << "\n";
-    } else {
-      fs::remove_all(dir_);
-    }
+    if (!HasFailure()) fs::remove_all(dir_);
   }
-  static const EsMedia& media() { return zeva::test::TestStreams(); }
   std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-  std::string dir_;
+  const std::string dir_ = zeva::test::MakeTempDir("packet-out");
 };
 
 // Pushed at real-time pace, the outputs and the index exist about a second
 // after the first key frame (not after a long stream analysis); the rest is
 // pushed at once, and the finished index agrees with ffprobe packet by packet.
 TEST_F(PacketOutput, IndexOpensPromptlyAndMatchesTheMovie) {
+  const EsMedia& m = zeva::test::TestStreams();
+  ASSERT_EQ(m.error, "");
   MovieInfo2 info{};
   std::snprintf(info.url, sizeof info.url, "%s", Path("rec.mp4").c_str());
   std::snprintf(info.moov, sizeof info.moov, "%s", Path("rec.idx").c_str());
   info.vcodec = info.acodec = 1;
   void* h = ZEVA2_start(info, nullptr, nullptr);
   ASSERT_NE(h, nullptr);
-  const EsMedia& m = media();
   const auto start = std::chrono::steady_clock::now();
   const int64_t t0 = ZEVA_current_sys_usec();
   double opened_after = -1;

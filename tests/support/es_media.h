@@ -21,45 +21,32 @@ struct EsPacket {
 struct EsMedia {
   std::vector<EsPacket> video;  // one access unit each, key frame first
   std::vector<EsPacket> audio;  // one ADTS frame of 1024 samples each
-  int width = 320, height = 240, fps = 0, sample_rate = 44100, channels = 2;
-  std::string h264_path, aac_path;  // the streams as files, kept until the process ends
+  int width = 320, fps = 30, sample_rate = 44100;
   std::string error;  // set when the streams could not be made
 };
 
-// `seconds` of 320x240 testsrc2 video at `fps` (libx264, one key frame a
-// second) and a 440 Hz tone at 44100 Hz stereo. Made once per process and
-// parameter set, in a temporary directory removed at exit.
-const EsMedia& TestStreams(double seconds = 2.0, int fps = 30);
-
-// The NAL units of an Annex B buffer, start codes (3 or 4 bytes) stripped.
-inline std::vector<Bytes> NalUnits(const Bytes& b) {
-  std::vector<Bytes> nals;
-  size_t start = 0;
-  bool open = false;
-  auto close = [&](size_t end) {
-    while (open && end > start && b[end - 1] == 0) --end;  // zeros belong to the next start code
-    if (open) nals.emplace_back(b.begin() + long(start), b.begin() + long(end));
-  };
-  for (size_t i = 0; i + 3 <= b.size(); ++i) {
-    if (b[i] == 0 && b[i + 1] == 0 && b[i + 2] == 1) {
-      close(i);
-      start = i + 3;
-      open = true;
-      i += 2;
-    }
-  }
-  close(b.size());
-  return nals;
-}
+// Two seconds of 320x240 testsrc2 video at 30 fps (libx264, one key frame a
+// second) and a 440 Hz tone at 44100 Hz stereo, made once per process.
+const EsMedia& TestStreams();
 
 // The NAL units of an Annex B access unit, each behind a 4-byte big-endian
-// size, as hardware encoders and MP4-minded hosts deliver H.264.
-inline Bytes LengthPrefixed(const Bytes& annexb) {
+// size (start codes and the zeros before them dropped), as hardware
+// encoders and MP4-minded hosts deliver H.264.
+inline Bytes LengthPrefixed(const Bytes& b) {
   Bytes out;
-  for (const Bytes& nal : NalUnits(annexb)) {
-    const auto n = static_cast<uint32_t>(nal.size());
-    out.insert(out.end(), {uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)});
-    out.insert(out.end(), nal.begin(), nal.end());
+  size_t start = 0;
+  for (size_t i = 0; i <= b.size(); ++i) {
+    const bool code = i + 3 <= b.size() && b[i] == 0 && b[i + 1] == 0 && b[i + 2] == 1;
+    if (!code && i < b.size()) continue;
+    size_t end = i;
+    while (end > start && b[end - 1] == 0) --end;
+    if (start > 0) {
+      const auto n = static_cast<uint32_t>(end - start);
+      out.insert(out.end(), {uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)});
+      out.insert(out.end(), b.begin() + long(start), b.begin() + long(end));
+    }
+    start = i + 3;
+    i += 2;
   }
   return out;
 }

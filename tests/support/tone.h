@@ -5,13 +5,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
+#include <utility>
 #include <vector>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
-#include <libavutil/frame.h>
-#include <libavutil/samplefmt.h>
 }
 
 #include "platform/av_ptr.h"
@@ -27,58 +25,36 @@ inline std::vector<float> Sine(int n, int rate, double freq, double amp) {
   return s;
 }
 
-// Decodes `packets` and then drains, with `dec` opened. Returns the number of
-// frames, -1 on a decoder error. For float audio, channel 0 is appended to
-// `*channel0` when given.
-inline int DecodeAll(AVCodecContext* dec, const std::vector<Bytes>& packets,
-                     std::vector<float>* channel0 = nullptr) {
-  PacketPtr pkt = NewPacket();
+// Decodes `packets` with the opened float-output decoder `dec`, then drains
+// it; returns its first channel, empty on a decoder error.
+inline std::vector<float> DecodeAll(AVCodecContext* dec, const std::vector<Bytes>& packets) {
+  std::vector<float> ch0;
   FramePtr f = NewFrame();
-  int frames = 0;
   for (size_t i = 0; i <= packets.size(); ++i) {
-    const bool drain = i == packets.size();
-    if (!drain) {
-      if (av_new_packet(pkt.get(), static_cast<int>(packets[i].size())) < 0) return -1;
+    PacketPtr pkt = NewPacket();
+    if (i < packets.size() && av_new_packet(pkt.get(), int(packets[i].size())) == 0) {
       std::copy(packets[i].begin(), packets[i].end(), pkt->data);
     }
-    const int r = avcodec_send_packet(dec, drain ? nullptr : pkt.get());
-    av_packet_unref(pkt.get());
-    if (r < 0) return -1;
+    if (avcodec_send_packet(dec, i < packets.size() ? pkt.get() : nullptr) < 0) return {};
     while (avcodec_receive_frame(dec, f.get()) == 0) {
-      ++frames;
-      if (channel0 && (f->format == AV_SAMPLE_FMT_FLT || f->format == AV_SAMPLE_FMT_FLTP)) {
-        const int step = f->format == AV_SAMPLE_FMT_FLT ? f->ch_layout.nb_channels : 1;
-        const float* p = reinterpret_cast<const float*>(f->extended_data[0]);
-        for (int s = 0; s < f->nb_samples; ++s) channel0->push_back(p[s * step]);
-      }
-      av_frame_unref(f.get());
+      const int step = f->format == AV_SAMPLE_FMT_FLT ? f->ch_layout.nb_channels : 1;
+      const auto* p = reinterpret_cast<const float*>(f->extended_data[0]);
+      for (int s = 0; s < f->nb_samples; ++s) ch0.push_back(p[s * step]);
     }
   }
-  return frames;
+  return ch0;
 }
 
-struct ToneMeasure {
-  double freq;  // Hz, from rising zero crossings
-  double rms;
-};
-
-// Measures `count` samples of `x` from `skip` on (past a codec's start-up,
-// before its end).
-inline ToneMeasure Measure(const std::vector<float>& x, int rate, size_t skip, size_t count) {
-  if (x.size() < skip + count || count < 2) return {0, 0};
-  int first = -1, last = -1, crossings = 0;
+// The frequency (from rising zero crossings, to about rate/count Hz) and
+// rms of `count` samples of `x` from `skip` on.
+inline std::pair<double, double> Measure(const std::vector<float>& x, int rate, size_t skip, size_t count) {
+  int crossings = 0;
   double energy = 0;
-  for (size_t i = skip + 1; i < skip + count; ++i) {
+  for (size_t i = skip + 1; i < skip + count && i < x.size(); ++i) {
     energy += double(x[i]) * x[i];
-    if (x[i - 1] < 0 && x[i] >= 0) {
-      if (first < 0) first = static_cast<int>(i);
-      last = static_cast<int>(i);
-      ++crossings;
-    }
+    crossings += x[i - 1] < 0 && x[i] >= 0;
   }
-  const double rms = std::sqrt(energy / double(count - 1));
-  if (crossings < 2) return {0, rms};
-  return {double(crossings - 1) * rate / (last - first), rms};
+  return {double(crossings) * rate / double(count), std::sqrt(energy / double(count))};
 }
 
 }  // namespace zeva::test
