@@ -15,13 +15,9 @@ enum class Proto { kRtmp, kRtsp };
 
 class Peer {
  public:
-  Peer(Proto proto, const std::string& dir) {
-    if (proto == Proto::kRtmp) {
-      rtmp_ = std::make_unique<RtmpServer>(dir);
-    } else {
-      rtsp_ = std::make_unique<RtspReceiver>(dir);
-    }
-  }
+  Peer(Proto proto, const std::string& dir)
+      : rtmp_(proto == Proto::kRtmp ? std::make_unique<RtmpServer>(dir) : nullptr),
+        rtsp_(proto == Proto::kRtsp ? std::make_unique<RtspReceiver>(dir) : nullptr) {}
   // Why a test of `proto` must be skipped, or null when its server is here.
   static const char* Missing(Proto proto) {
     if (proto == Proto::kRtmp && !RtmpServer::Available())

@@ -3,6 +3,7 @@
 #ifndef ZEVA_TESTS_SUPPORT_LOG_CAPTURE_H
 #define ZEVA_TESTS_SUPPORT_LOG_CAPTURE_H
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -25,8 +26,6 @@ class LogCapture {
     qel::Logger::instance(&mine_);
   }
   ~LogCapture() { qel::Logger::instance(previous_); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
 
   // The lines so far, emptied.
   std::vector<std::string> Take() {
@@ -36,18 +35,13 @@ class LogCapture {
   // How often `line` ("LEVEL:message") was logged.
   int Count(const std::string& line) {
     std::lock_guard<std::mutex> lock(mutex_);
-    int n = 0;
-    for (const std::string& l : lines_) n += l == line;
-    return n;
+    return int(std::count(lines_.begin(), lines_.end(), line));
   }
   // Waits until `line` has been logged, at most `deadline`.
   bool WaitFor(const std::string& line, std::chrono::milliseconds deadline) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return logged_.wait_for(lock, deadline, [&] {
-      for (const std::string& l : lines_)
-        if (l == line) return true;
-      return false;
-    });
+    return logged_.wait_for(lock, deadline,
+                            [&] { return std::find(lines_.begin(), lines_.end(), line) != lines_.end(); });
   }
 
  private:

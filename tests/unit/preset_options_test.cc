@@ -8,7 +8,6 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
-#include <libavutil/mem.h>
 #include <libavutil/opt.h>
 }
 
@@ -32,46 +31,19 @@ std::string GetOption(AVCodecContext* ctx, const char* key) {
   return s;
 }
 
-TEST(ApplyPresetOptions, EveryNameReachesLibx264) {
-  for (int p = QL_ULTRAFAST; p < QL_NONE; ++p) {
-    auto ctx = NewEncoderContext("libx264");
-    ASSERT_TRUE(ctx);
-    const int profile = p % PL_NONE, tune = p % TL_NONE;
-    zeva::apply_preset_options(ctx.get(), p, profile, tune);
-    EXPECT_EQ(GetOption(ctx.get(), "preset"), preset_to_str(static_cast<Quality_Level>(p)));
-    EXPECT_EQ(GetOption(ctx.get(), "profile"), profile_to_str(static_cast<Profile_Level>(profile)));
-    EXPECT_EQ(GetOption(ctx.get(), "tune"), tune_to_str(static_cast<Tune_Level>(tune)));
-  }
-  // The remaining profiles and tunes, through the last named row; "none"
-  // keeps the encoder's default (an empty profile would not open).
-  auto ctx = NewEncoderContext("libx264");
-  const std::string default_preset = GetOption(ctx.get(), "preset");
-  zeva::apply_preset_options(ctx.get(), QL_NONE, PL_HIGH444, TL_ZEROLATENCY);
-  EXPECT_EQ(GetOption(ctx.get(), "preset"), default_preset);
-  EXPECT_EQ(GetOption(ctx.get(), "profile"), "high444");
-  EXPECT_EQ(GetOption(ctx.get(), "tune"), "zerolatency");
-}
-
-TEST(ApplyPresetOptions, OutOfRangeValueIsLoggedAndLeftUnchanged) {
+// Valid values reach libx264 by name; an out-of-range one is logged and left
+// unchanged, and encoders without such options are left alone silently.
+TEST(ApplyPresetOptions, NamesReachLibx264AndBadValuesAreLogged) {
   zeva::test::LogCapture log;
   auto ctx = NewEncoderContext("libx264");
-  ASSERT_TRUE(ctx);
-  const std::string preset_before = GetOption(ctx.get(), "preset");
   const std::string tune_before = GetOption(ctx.get(), "tune");
-  zeva::apply_preset_options(ctx.get(), QL_NONE + 1, PL_MAIN, -1);
-  EXPECT_EQ(GetOption(ctx.get(), "preset"), preset_before);
-  EXPECT_EQ(GetOption(ctx.get(), "profile"), "main");  // the valid one still applies
+  zeva::apply_preset_options(ctx.get(), QL_SLOWER, PL_HIGH444, -1);
+  EXPECT_EQ(GetOption(ctx.get(), "preset"), "slower");
+  EXPECT_EQ(GetOption(ctx.get(), "profile"), "high444");
   EXPECT_EQ(GetOption(ctx.get(), "tune"), tune_before);
-  const std::vector<std::string> lines = log.Take();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0], "2:--- invalid preset value 11, left unchanged");
-  EXPECT_EQ(lines[1], "2:--- invalid tune value -1, left unchanged");
-  // Encoders without such options, or none at all, are left alone silently.
-  auto aac = NewEncoderContext("aac");
-  zeva::apply_preset_options(aac.get(), QL_MEDIUM, PL_HIGH, TL_FILM);
-  EXPECT_EQ(GetOption(aac.get(), "preset"), "<none>");
+  zeva::apply_preset_options(NewEncoderContext("aac").get(), QL_MEDIUM, PL_HIGH, TL_FILM);
   zeva::apply_preset_options(nullptr, QL_MEDIUM, PL_HIGH, TL_FILM);
-  EXPECT_TRUE(log.Take().empty());
+  EXPECT_EQ(log.Take(), std::vector<std::string>{"2:--- invalid tune value -1, left unchanged"});
 }
 
 // The names follow the enumeration's own order, fastest first: each preset
@@ -96,12 +68,9 @@ TEST(ApplyPresetOptions, PresetsFollowTheEnumerationsSpeedOrderUnderTheProfileCa
     zeva::PacketPtr pkt = zeva::NewPacket();
     ASSERT_EQ(avcodec_send_frame(ctx.get(), frame.get()), 0);
     ASSERT_EQ(avcodec_receive_packet(ctx.get(), pkt.get()), 0);
-    ASSERT_GT(pkt->size, 5);
     EXPECT_EQ(pkt->data[5], 66);
     const std::string bytes(reinterpret_cast<const char*>(pkt->data), size_t(pkt->size));
-    const size_t at = bytes.find(" subme=");
-    ASSERT_NE(at, std::string::npos) << preset_to_str(static_cast<Quality_Level>(p));
-    const int subme = std::atoi(bytes.c_str() + at + 7);
+    const int subme = std::atoi(bytes.c_str() + bytes.find(" subme=") + 7);
     EXPECT_GT(subme, previous) << preset_to_str(static_cast<Quality_Level>(p));
     previous = subme;
   }
