@@ -1,6 +1,5 @@
 #include "encode/hardware_encoder.h"
 
-#include <atomic>
 #include <mutex>
 #include <unordered_map>
 
@@ -63,8 +62,6 @@ ProbeCache& cache() {
   return instance;
 }
 
-std::atomic<int> g_open_count{0};
-
 // `wanted` when the encoder lists it or lists nothing; otherwise the first
 // listed format, which is AV_PIX_FMT_NONE for an empty list.
 int pick_pix_fmt(const AVCodec* codec, int wanted) {
@@ -93,7 +90,6 @@ bool try_open(const HwEncoder& entry, int width, int height, int pix_fmt) {
     ctx->sample_aspect_ratio = AVRational{1, 1};
     ctx->pix_fmt = static_cast<AVPixelFormat>(pick_pix_fmt(codec, pix_fmt));
     ctx->bit_rate = 2000000;
-    g_open_count.fetch_add(1, std::memory_order_relaxed);
     const int r = avcodec_open2(ctx.get(), codec, nullptr);
     if (r < 0) {
       ZEVA_LOG(kLogError, "--- 打开编码器 '%s' 出错: %s", entry.name, av_error_text(r));
@@ -126,7 +122,5 @@ bool probe_hw_encoder(const HwEncoder* entry, int width, int height, int pix_fmt
                  [&] { found->usable = try_open(*entry, width, height, pix_fmt); });
   return found->usable;
 }
-
-int hw_probe_open_count() { return g_open_count.load(std::memory_order_relaxed); }
 
 }  // namespace zeva

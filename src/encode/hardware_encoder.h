@@ -31,9 +31,6 @@ const HwEncoder* hw_encoders(size_t* count);
 // as long as opening the encoder takes.
 bool probe_hw_encoder(const HwEncoder* entry, int width, int height, int pix_fmt);
 
-// The number of encoder opens the probe has attempted in this process. For tests.
-int hw_probe_open_count();
-
 }  // namespace zeva
 
 #endif  // ZEVA_ENCODE_HARDWARE_ENCODER_H

@@ -15,65 +15,35 @@
 
 namespace {
 
-// The index file, created once per process and rewritten by every run,
-// preferably in memory: rewriting a file on disk costs more than the parse.
-// Removed at exit.
+// The index file: created once per process, in memory where it can be
+// (rewriting a file on disk costs more than the parse), rewritten by every
+// run and removed at exit. The log is silenced: it would dwarf the run.
 struct IndexFile {
+  IndexFile() {
+    qel::Logger::instance(nullptr)->set_callback([](const char*, int, const char*, int, const char*) {});
+    for (const char* dir : {"/dev/shm", "/tmp"}) {
+      path = std::string(dir) + "/zeva-index-fuzz-XXXXXX";
+      fd = mkstemp(path.data());
+      if (fd >= 0) break;
+    }
+    if (fd < 0) abort();
+  }
+  ~IndexFile() { unlink(path.c_str()); }
+  void Rewrite(const uint8_t* data, size_t size) const {
+    if (pwrite(fd, data, size, 0) != static_cast<ssize_t>(size) || ftruncate(fd, off_t(size)) != 0) abort();
+  }
   std::string path;
   int fd = -1;
 };
 
-IndexFile& File() {
-  static IndexFile file = [] {
-    IndexFile f;
-    for (const char* dir : {"/dev/shm", "/tmp"}) {
-      std::string pattern = std::string(dir) + "/zeva-index-fuzz-XXXXXX";
-      f.fd = mkstemp(pattern.data());
-      if (f.fd >= 0) {
-        f.path = pattern;
-        break;
-      }
-    }
-    if (f.fd < 0) abort();
-    return f;
-  }();
-  return file;
-}
-
-void RemoveIndexFile() { unlink(File().path.c_str()); }
-
-void SetUpOnce() {
-  static const bool done = [] {
-    // Messages are still formatted, but not written: the log would dwarf
-    // the run.
-    qel::Logger::instance(nullptr)->set_callback(
-        [](const char*, int, const char*, int, const char*) {});
-    File();
-    atexit(RemoveIndexFile);
-    return true;
-  }();
-  static_cast<void>(done);
-}
-
-void Rewrite(const uint8_t* data, size_t size) {
-  const IndexFile& f = File();
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t n = pwrite(f.fd, data + done, size - done, static_cast<off_t>(done));
-    if (n <= 0) abort();
-    done += static_cast<size_t>(n);
-  }
-  if (ftruncate(f.fd, static_cast<off_t>(size)) != 0) abort();
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  SetUpOnce();
-  Rewrite(data, size);
+  static const IndexFile file;
+  file.Rewrite(data, size);
 
   zeva::MoovParser parser;
-  if (!parser.parse(File().path.c_str())) return 0;
+  if (!parser.parse(file.path.c_str())) return 0;
   const int audio_stream = parser.has_audio() ? parser.audio().index : -1;
   zeva::IndexRecordDecoder decoders[] = {{audio_stream, parser.audio().frame_size},
                                          {audio_stream, parser.audio().frame_size}};

@@ -5,16 +5,15 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include <unistd.h>
 
 #include "support/classic_host.h"
+#include "support/files.h"
 #include "support/probe.h"
 
-namespace fs = std::filesystem;
 using zeva::test::Host;
 using zeva::test::PacketsOf;
 using zeva::test::Probe;
@@ -66,10 +65,8 @@ class CountingFilter : public FilterBase {
 
 class ClassicApi : public ::testing::Test {
  protected:
-  void SetUp() override { fs::create_directories(dir_); }
-  void TearDown() override { fs::remove_all(dir_); }
-  std::string Path(const char* name) const { return dir_ + "/" + name; }
-  const std::string dir_ = "/tmp/zeva-classic-" + std::to_string(getpid());
+  std::string Path(const char* name) const { return dir_ / name; }
+  const zeva::test::TempDir dir_;
 };
 
 // One recording to three containers at once, through two pauses, with a

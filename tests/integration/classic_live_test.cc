@@ -13,12 +13,12 @@
 #include <unistd.h>
 
 #include "support/classic_host.h"
+#include "support/files.h"
 #include "support/live_peer.h"
 #include "support/loopback.h"
 #include "support/probe.h"
 #include "support/silent_server.h"
 
-namespace fs = std::filesystem;
 using zeva::test::DecodeErrors;
 using zeva::test::Host;
 using zeva::test::Peer;
@@ -30,9 +30,7 @@ namespace {
 
 class ClassicLive : public ::testing::Test {
  protected:
-  void SetUp() override { fs::create_directories(dir_); }
-  void TearDown() override { fs::remove_all(dir_); }
-  const std::string dir_ = "/tmp/zeva-live-" + std::to_string(getpid());
+  const zeva::test::TempDir dir_;
 };
 
 // One second recorded to real servers as the main output (started
@@ -43,8 +41,8 @@ TEST_F(ClassicLive, ServersReceiveWhatWasSent) {
   for (const Proto proto : {Proto::kRtmp, Proto::kRtsp})
     if (const char* missing = Peer::Missing(proto)) GTEST_SKIP() << missing;
   for (const Proto main : {Proto::kRtmp, Proto::kRtsp}) {
-    const std::string sub = dir_ + (main == Proto::kRtmp ? "/rtmp" : "/rtsp");
-    fs::create_directories(sub);
+    const std::string sub = dir_ / (main == Proto::kRtmp ? "rtmp" : "rtsp");
+    std::filesystem::create_directories(sub);
     std::vector<Peer> peers;  // RTSP's opus has no place in RTMP: no further output then
     peers.emplace_back(main, sub);
     if (main == Proto::kRtmp) peers.emplace_back(Proto::kRtsp, sub);
@@ -92,7 +90,7 @@ TEST_F(ClassicLive, SilentServerFailsTheStartOrTheStopInterruptsIt) {
     const std::string url =
         dead ? "rtmp://127.0.0.1:" + std::to_string(zeva::test::FreeLoopbackPort()) + "/live/x"
              : silent.Url(row.name);
-    MovieInfo info = Settings(row.further ? dir_ + "/main.mp4" : url);
+    MovieInfo info = Settings(row.further ? dir_ / "main.mp4" : url);
     if (row.further) info.other_urls[0] = url.c_str();
     info.timeout_sec = row.timeout_sec;
     const auto t0 = std::chrono::steady_clock::now();
@@ -120,9 +118,9 @@ TEST_F(ClassicLive, SilentServerFailsTheStartOrTheStopInterruptsIt) {
 // the status callback naming the stream, and the file keeps every frame.
 TEST_F(ClassicLive, ServerKilledMidRecordingLeavesTheFileComplete) {
   if (const char* missing = Peer::Missing(Proto::kRtmp)) GTEST_SKIP() << missing;
-  zeva::test::RtmpServer server(dir_);
+  zeva::test::RtmpServer server(dir_.path());
   ASSERT_TRUE(server.ok()) << "the server did not start";
-  const std::string url = server.Url("live"), mp4 = dir_ + "/main.mp4";
+  const std::string url = server.Url("live"), mp4 = dir_ / "main.mp4";
   MovieInfo info = Settings(mp4);
   info.other_urls[0] = url.c_str();
   info.timeout_sec = 2;

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <vector>
 
 extern "C" {
@@ -12,13 +11,13 @@ extern "C" {
 }
 
 #include "output/zv_av_writer.h"
-#include "support/encoded_media.h"
+#include "support/files.h"
 
 namespace {
 
 TEST(MovieCapture2, TimeLineAnchorsAtTheFirstOfferAndCutsPauses) {
-  const std::string dir = zeva::test::MakeTempDir("capture");
-  const std::string url = dir + "/t.mp4";
+  const zeva::test::TempDir dir;
+  const std::string url = dir / "t.mp4";
   MovieInfo info{};
   std::snprintf(info.url, sizeof info.url, "%s", url.c_str());
   info.disable_audio = true;
@@ -55,7 +54,6 @@ TEST(MovieCapture2, TimeLineAnchorsAtTheFirstOfferAndCutsPauses) {
     EXPECT_TRUE(capture.write_bgra(picture.data(), 0, 17000000, 256));
     EXPECT_EQ(capture.movie_time(), 17000000 - 3500000 - 5000000);
   }
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

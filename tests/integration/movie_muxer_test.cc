@@ -1,6 +1,6 @@
 // The movie muxer end to end: generated frames in, files out, checked with
-// ffprobe; rate control read back from the real encoder; every start failure
-// reaching the status callback.
+// ffprobe; start failures reaching the status callback; the software
+// fallback of a hardware request.
 #include "encode/movie_muxer.h"
 
 #include <gtest/gtest.h>
@@ -14,25 +14,16 @@ extern "C" {
 
 #include "encode/video_enc.h"
 #include "output/zv_av_writer.h"
-#include "support/encoded_media.h"
+#include "support/classic_host.h"
+#include "support/files.h"
 #include "support/index_check.h"
 #include "support/probe.h"
 
-namespace fs = std::filesystem;
 using zeva::MovieMuxer;
 
 namespace {
 
-// What the status callback received; a synchronous start reports before
-// it returns.
-struct Status {
-  int code = -1000;
-  std::string message;
-  static void Callback(int code, const char* message, void* user) {
-    static_cast<Status*>(user)->code = code;
-    static_cast<Status*>(user)->message = message;
-  }
-};
+using zeva::test::Status;
 
 MovieInfo Settings(const std::string& url) {
   MovieInfo info{};
@@ -83,15 +74,14 @@ void Feed(MovieMuxer& m, double seconds) {
 
 class MovieMuxerTest : public ::testing::Test {
  protected:
-  void TearDown() override { fs::remove_all(dir_); }
-  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string Path(const std::string& name) const { return dir_ / name; }
 
   // Starts a muxer with the classic writer chain; returns the status code.
   int Start(MovieMuxer& m, const MovieInfo& info, Status* status) {
     m.start(info, &Status::Callback, status, false);
-    return status->code;
+    return status->Wait().code;
   }
-  const std::string dir_ = zeva::test::MakeTempDir("muxer");
+  const zeva::test::TempDir dir_;
 };
 
 struct ContainerCase {
@@ -111,8 +101,8 @@ TEST_P(Containers, WriteTheContainersCodecsAtTheFedDuration) {
   std::snprintf(info.moov_url, sizeof info.moov_url, "%s", moov.c_str());
   MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, url.c_str()));
   Status status;
-  ASSERT_EQ(Start(m, info, &status), 0) << status.message;
-  EXPECT_EQ(status.message, "start OK");
+  ASSERT_EQ(Start(m, info, &status), 0) << status.Wait().message;
+  EXPECT_EQ(status.Wait().message, "start OK");
   EXPECT_EQ(m.effective().sample_rate, c.sample_rate);
   Feed(m, 2.0);
   m.stop();
@@ -133,7 +123,7 @@ TEST_P(Containers, WriteTheContainersCodecsAtTheFedDuration) {
   if (std::string(c.ext) == ".mp4") {
     zeva::test::ExpectIndexMatchesProbe(url, moov);
   } else {
-    EXPECT_FALSE(fs::exists(moov));
+    EXPECT_FALSE(std::filesystem::exists(moov));
   }
 }
 
@@ -157,7 +147,7 @@ TEST_F(MovieMuxerTest, StartFailuresReachTheStatusCallback) {
     MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, info.url));
     Status status;
     EXPECT_EQ(Start(m, info, &status), row.code);
-    EXPECT_EQ(status.message.rfind(row.prefix, 0), 0u) << status.message;
+    EXPECT_EQ(status.Wait().message.rfind(row.prefix, 0), 0u) << status.Wait().message;
     EXPECT_FALSE(m.running());
     // Frames after a failed start are ignored, and stop still cleans up.
     EXPECT_EQ(m.write_video_frame(nullptr, nullptr), 0);
@@ -171,7 +161,7 @@ TEST_F(MovieMuxerTest, HardwareRequestFallsBackToSoftware) {
   info.hardware = true;
   MovieMuxer m(new ZV::ZV_AVWriter(60, 1000, info.url));
   Status status;
-  ASSERT_EQ(Start(m, info, &status), 0) << status.message;
+  ASSERT_EQ(Start(m, info, &status), 0) << status.Wait().message;
   EXPECT_FALSE(m.effective().hardware);
   EXPECT_STREQ(m.video_stream().enc->codec->name, "libx264");
   m.stop();

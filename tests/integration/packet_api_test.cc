@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "support/es_media.h"
+#include "support/files.h"
 #include "support/live_peer.h"
 #include "support/probe.h"
 
@@ -24,7 +24,6 @@ namespace {
 
 using zeva::test::Bytes;
 using zeva::test::EsMedia;
-using zeva::test::EsPacket;
 using zeva::test::Peer;
 using zeva::test::Probe;
 using zeva::test::ProbeResult;
@@ -50,17 +49,9 @@ struct StatusLog {
 
 class PacketApi : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/zeva-packet-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    ASSERT_EQ(media().error, "");
-  }
-  void TearDown() override {
-    if (!HasFailure()) std::filesystem::remove_all(dir_);
-  }
+  void SetUp() override { ASSERT_EQ(media().error, ""); }
   static const EsMedia& media() { return zeva::test::TestStreams(); }
-  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string Path(const std::string& name) const { return dir_ / name; }
 
   static MovieInfo2 Info(const std::string& url) {
     MovieInfo2 info{};
@@ -77,7 +68,7 @@ class PacketApi : public ::testing::Test {
   // Returns the refused pushes.
   static int Push(void* h, bool video, bool audio, Bytes (*convert)(const Bytes&) = nullptr, bool shaken = false) {
     const EsMedia& m = media();
-    std::vector<std::tuple<const EsPacket*, bool, int64_t>> order;  // packet, video, wobble
+    std::vector<std::tuple<const zeva::test::EsPacket*, bool, int64_t>> order;  // packet, video, wobble
     size_t v = video ? 0 : m.video.size(), a = audio ? 0 : m.audio.size(), last_video = 0;
     while (v < m.video.size() || a < m.audio.size()) {
       const bool is_video = v < m.video.size() && (a == m.audio.size() || m.video[v].pts_us <= m.audio[a].pts_us);
@@ -134,7 +125,7 @@ class PacketApi : public ::testing::Test {
     return t;
   }
 
-  std::string dir_;
+  const zeva::test::TempDir dir_;
   StatusLog status_;
 };
 
@@ -274,7 +265,7 @@ TEST_F(PacketApi, LiveServersReceiveWhatWasSent) {
   for (const Proto proto : {Proto::kRtmp, Proto::kRtsp}) {
     if (const char* missing = Peer::Missing(proto)) GTEST_SKIP() << missing;
   }
-  Peer rtmp(Proto::kRtmp, dir_), rtsp(Proto::kRtsp, dir_);
+  Peer rtmp(Proto::kRtmp, dir_.path()), rtsp(Proto::kRtsp, dir_.path());
   ASSERT_TRUE(rtmp.ok() && rtsp.ok()) << "a server did not start";
   const std::string rtsp_url = rtsp.Url(), file = Path("main.mp4");
   MovieInfo2 info = Info(rtmp.Url());

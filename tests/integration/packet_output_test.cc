@@ -4,34 +4,28 @@
 
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <string>
 #include <thread>
 
-#include "support/encoded_media.h"
+#include "support/files.h"
 #include "support/es_media.h"
 #include "support/index_check.h"
 #include "zeva/zeva.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-using zeva::test::EsMedia;
 
 class PacketOutput : public ::testing::Test {
  protected:
-  void TearDown() override {
-    if (!HasFailure()) fs::remove_all(dir_);
-  }
-  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-  const std::string dir_ = zeva::test::MakeTempDir("packet-out");
+  std::string Path(const std::string& name) const { return dir_ / name; }
+  const zeva::test::TempDir dir_;
 };
 
 // Pushed at real-time pace, the outputs and the index exist about a second
 // after the first key frame (not after a long stream analysis); the rest is
 // pushed at once, and the finished index agrees with ffprobe packet by packet.
 TEST_F(PacketOutput, IndexOpensPromptlyAndMatchesTheMovie) {
-  const EsMedia& m = zeva::test::TestStreams();
+  const auto& m = zeva::test::TestStreams();
   ASSERT_EQ(m.error, "");
   MovieInfo2 info{};
   std::snprintf(info.url, sizeof info.url, "%s", Path("rec.mp4").c_str());

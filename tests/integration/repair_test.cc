@@ -37,21 +37,11 @@ using zeva::test::DecodeErrors;
 using zeva::test::Probe;
 using zeva::test::ProbeResult;
 using zeva::test::ReadFile;
+using zeva::test::TempDir;
 
 void WriteFile(const std::string& path, const std::string& data) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
 }
-
-// A scratch directory for one test.
-struct TempDir {
-  TempDir() {
-    char pattern[] = "/tmp/zeva-repair-XXXXXX";
-    path_ = mkdtemp(pattern) != nullptr ? pattern : "";
-  }
-  ~TempDir() { fs::remove_all(path_); }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-  std::string path_;
-};
 
 // Runs the recorder to its end, as fast as it goes.
 void RecordFully(const std::string& dir, const std::string& name, const char* seconds,
@@ -189,7 +179,7 @@ TEST(RepairCrash, KilledRecordingsRebuildAsAPrefixOfTheirTwin) {
   TempDir dir;
   for (const std::string flag : {"", "--no-audio"}) {
     SCOPED_TRACE("flag " + flag);
-    ASSERT_NO_FATAL_FAILURE(RecordFully(dir.path_, "twin", "8", flag));
+    ASSERT_NO_FATAL_FAILURE(RecordFully(dir.path(), "twin", "8", flag));
     const ProbeResult twin_probe = Probe(dir / "twin.mp4");
     const Streams twin = PacketsOf(dir / "twin.mp4", twin_probe);
     for (int round = 0; round < 2; ++round) {
@@ -320,7 +310,7 @@ void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 const TempDir& Sample() {
   static TempDir dir;
   static const bool recorded = [] {
-    RecordFully(dir.path_, "good", "20");
+    RecordFully(dir.path(), "good", "20");
     WriteFile(dir / "broken.mp4", WithoutTrailer(ReadFile(dir / "good.mp4")));
     return true;
   }();

@@ -26,8 +26,6 @@ namespace {
 namespace fs = std::filesystem;
 using zeva::Snapshot;
 using zeva::test::EncodedMedia;
-using zeva::test::MediaOptions;
-using zeva::test::ReadFile;
 using zeva::test::ReadIndexFile;
 
 // An MP4 output written through the library's writing component, which
@@ -68,8 +66,7 @@ class Mp4Output {
 
 class SnapshotTest : public testing::Test {
  protected:
-  void TearDown() override { fs::remove_all(dir_); }
-  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string Path(const std::string& name) const { return dir_ / name; }
 
   // Records the first `max_packets` packets of `media` into movie.mp4 with
   // the index movie.idx; `on_line` runs after each packet that made the
@@ -89,12 +86,12 @@ class SnapshotTest : public testing::Test {
     ASSERT_TRUE(out.Finish());
   }
 
-  const std::string dir_ = zeva::test::MakeTempDir("snapshot");
+  const zeva::test::TempDir dir_;
 };
 
 struct MovieCase {
   const char* name;
-  MediaOptions media;
+  zeva::test::MediaOptions media;
   bool video_durations;
 };
 
@@ -131,7 +128,7 @@ TEST_F(SnapshotTest, OnePacketGivesHeadWithoutRecords) {
   EXPECT_EQ(zeva::test::Probe(Path("movie.mp4")).packets.size(), 1u);
   const zeva::test::IndexFile f = ReadIndexFile(Path("movie.idx"));
   EXPECT_EQ(f.stream_lines.size(), 2u);
-  EXPECT_TRUE(f.record_lines.empty()) << ReadFile(Path("movie.idx"));
+  EXPECT_TRUE(f.record_lines.empty()) << zeva::test::ReadFile(Path("movie.idx"));
   EXPECT_TRUE(f.last_line_ended);
 }
 

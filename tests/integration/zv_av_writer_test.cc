@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "support/encoded_media.h"
+#include "support/files.h"
 #include "support/index_check.h"
 #include "support/probe.h"
 
-namespace fs = std::filesystem;
 using zeva::test::EncodedMedia;
 using zeva::test::Probe;
 using zeva::test::ProbeResult;
@@ -85,9 +85,8 @@ void ExpectComplete(const ProbeResult& r, const EncodedMedia& media, const std::
 
 class WriterChain : public ::testing::Test {
  protected:
-  void TearDown() override { fs::remove_all(dir_); }
-  std::string Path(const char* name) const { return dir_ + "/" + name; }
-  const std::string dir_ = zeva::test::MakeTempDir("writer");
+  std::string Path(const char* name) const { return dir_ / name; }
+  const zeva::test::TempDir dir_;
 };
 
 TEST_F(WriterChain, MainAndFurtherOutputsGetEveryPacketAndTheIndexMatches) {
@@ -103,9 +102,7 @@ TEST_F(WriterChain, MainAndFurtherOutputsGetEveryPacketAndTheIndexMatches) {
   EXPECT_EQ(main.tags.at("title"), "Chain test");
   EXPECT_EQ(main.tags.at("comment"), "a:b");
   ExpectComplete(Probe(flv), Media(), "flv");
-  const ProbeResult mpegts = Probe(ts);
-  ExpectComplete(mpegts, Media(), "ts");
-  EXPECT_EQ(mpegts.format_name, "mpegts");
+  ExpectComplete(Probe(ts), Media(), "ts");
   // Only ".mp4" outputs carry an index.
   zeva::test::ExpectIndexMatchesProbe(mp4, moov);
 }
@@ -115,7 +112,7 @@ TEST_F(WriterChain, FailingFurtherOutputIsReportedAndMainStaysComplete) {
   // gives the muxer a name to pick MPEG-TS by.
   ErrorLog errors;
   const std::string mp4 = Path("main.mp4"), moov = Path("main.moov"), full = Path("full.ts");
-  fs::create_symlink("/dev/full", full);
+  std::filesystem::create_symlink("/dev/full", full);
   auto r = Record(mp4, {full.c_str()}, moov, nullptr, Media(), &errors);
   if (r.failed) {
     // The muxer may already fail writing the header into the full device.
@@ -128,7 +125,7 @@ TEST_F(WriterChain, FailingFurtherOutputIsReportedAndMainStaysComplete) {
   zeva::test::ExpectIndexMatchesProbe(mp4, moov);
 }
 
-TEST_F(WriterChain, PacketsWhoseTimeDoesNotGrowAndBadArgumentsAreRefused) {
+TEST_F(WriterChain, PacketsWhoseTimeDoesNotGrowOrStreamIsUnknownAreRefused) {
   const std::string flv = Path("drop.flv");
   zeva::OutputFormatPtr oc = MainContext(flv, Media());
   ASSERT_TRUE(oc);
@@ -152,15 +149,6 @@ TEST_F(WriterChain, PacketsWhoseTimeDoesNotGrowAndBadArgumentsAreRefused) {
   EXPECT_EQ(writer.write_packet({1, 30}, stray.get(), 1), -1);
   writer.stop();
   EXPECT_EQ(Probe(flv).packets.size(), written);
-
-  ZV::ZV_AVWriter unopened(60, 1000, nullptr);
-  EXPECT_EQ(unopened.write_packet({1, 30}, nullptr, 1), 0);
-  EXPECT_EQ(unopened.write_packet({1, 30}, stray.get(), 1), -1);  // no context
-  EXPECT_EQ(unopened.write_trailer(), -1);
-  EXPECT_TRUE(unopened.open(nullptr, nullptr, nullptr).failed);
-  unopened.stop();
-  EXPECT_FALSE(unopened.start());
-  EXPECT_EQ(unopened.open(nullptr, nullptr, nullptr).value, -20);
 }
 
 }  // namespace

@@ -14,17 +14,20 @@ extern "C" {
 namespace zeva::test {
 namespace {
 
+constexpr int kFps = 30;
+constexpr int kSampleRate = 48000;
+
 CodecContextPtr OpenVideo(const MediaOptions& o) {
   const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
   if (codec == nullptr) return nullptr;
   CodecContextPtr c(avcodec_alloc_context3(codec));
-  c->width = o.width;
-  c->height = o.height;
+  c->width = 320;
+  c->height = 240;
   c->pix_fmt = AV_PIX_FMT_YUV420P;
-  c->time_base = {1, o.fps};
-  c->framerate = {o.fps, 1};
-  c->gop_size = o.gop;
-  c->bit_rate = o.video_bitrate;
+  c->time_base = {1, kFps};
+  c->framerate = {kFps, 1};
+  c->gop_size = kFps;
+  c->bit_rate = 500000;
   c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   c->max_b_frames = o.b_frames ? 2 : 0;
   av_opt_set(c->priv_data, "preset", o.b_frames ? "veryfast" : "ultrafast", 0);
@@ -34,15 +37,15 @@ CodecContextPtr OpenVideo(const MediaOptions& o) {
   return c;
 }
 
-CodecContextPtr OpenAudio(const MediaOptions& o) {
+CodecContextPtr OpenAudio() {
   const AVCodec* codec = avcodec_find_encoder_by_name("aac");
   if (codec == nullptr) return nullptr;
   CodecContextPtr c(avcodec_alloc_context3(codec));
   c->sample_fmt = AV_SAMPLE_FMT_FLTP;
-  c->sample_rate = o.sample_rate;
+  c->sample_rate = kSampleRate;
   av_channel_layout_default(&c->ch_layout, 2);
   c->bit_rate = 128000;
-  c->time_base = {1, o.sample_rate};
+  c->time_base = {1, kSampleRate};
   c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   if (avcodec_open2(c.get(), codec, nullptr) < 0) return nullptr;
   return c;
@@ -96,7 +99,7 @@ void AddStream(EncodedMedia* media, AVCodecContext* c) {
 EncodedMedia EncodeTestMedia(const MediaOptions& o) {
   EncodedMedia media;
   CodecContextPtr video = o.video ? OpenVideo(o) : nullptr;
-  CodecContextPtr audio = o.audio ? OpenAudio(o) : nullptr;
+  CodecContextPtr audio = o.audio ? OpenAudio() : nullptr;
   if ((o.video && !video) || (o.audio && !audio)) {
     ADD_FAILURE() << "cannot open the test encoders";
     return media;
@@ -125,13 +128,13 @@ EncodedMedia EncodeTestMedia(const MediaOptions& o) {
     av_frame_get_buffer(af.get(), 0);
   }
 
-  const int frames = static_cast<int>(o.seconds * o.fps);
-  const int64_t total_samples = static_cast<int64_t>(o.seconds * o.sample_rate);
+  const int frames = static_cast<int>(o.seconds * kFps);
+  const int64_t total_samples = static_cast<int64_t>(o.seconds * kSampleRate);
   int64_t next_sample = 0;
   for (int n = 0; n < frames || (audio && next_sample < total_samples); ++n) {
     // Audio up to this video frame's time, then the frame itself.
     const int64_t until = audio ? std::min<int64_t>(total_samples,
-                                                     (n + 1) * int64_t{o.sample_rate} / o.fps)
+                                                     (n + 1) * int64_t{kSampleRate} / kFps)
                                 : 0;
     while (audio && next_sample < until) {
       av_frame_make_writable(af.get());
@@ -164,15 +167,6 @@ bool AddStreams(AVFormatContext* oc, const EncodedMedia& media) {
     st->codecpar->codec_tag = 0;
   }
   return true;
-}
-
-std::string MakeTempDir(const char* tag) {
-  std::string pattern = std::string(P_tmpdir) + "/zeva-" + tag + "-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) {
-    ADD_FAILURE() << "mkdtemp failed";
-    return {};
-  }
-  return pattern;
 }
 
 }  // namespace zeva::test

@@ -15,17 +15,12 @@ extern "C" {
 
 namespace zeva::test {
 
+// 320x240 video at 30 fps, one key frame a second; 48 kHz stereo audio.
 struct MediaOptions {
   double seconds = 2.0;
-  int width = 320;
-  int height = 240;
-  int fps = 30;
-  int gop = 30;
   bool video = true;
   bool audio = true;
   bool b_frames = false;  // reordered video (dts != pts)
-  int sample_rate = 48000;
-  int64_t video_bitrate = 500000;
 };
 
 struct EncodedStream {
@@ -55,9 +50,6 @@ PacketPtr ClonePacket(const EncodedMedia& media, size_t i);
 // Adds one output stream per encoded stream to `oc`, in order, with the
 // codec parameters and the encoder time base. False on failure.
 bool AddStreams(AVFormatContext* oc, const EncodedMedia& media);
-
-// A fresh temporary directory, removed by the caller.
-std::string MakeTempDir(const char* tag);
 
 }  // namespace zeva::test
 

@@ -1,11 +1,6 @@
 #include "support/es_media.h"
 
-#include <unistd.h>
-
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <system_error>
 
 #include "packet/es_splitter.h"
 #include "support/files.h"
@@ -27,9 +22,8 @@ std::vector<EsPacket> Packets(const std::string& file, Split split, int64_t num,
 
 EsMedia Make() {
   EsMedia m;
-  char dir[] = "/tmp/zeva-es-XXXXXX";
-  if (mkdtemp(dir) == nullptr) return m.error = "mkdtemp failed", m;
-  const std::string v = std::string(dir) + "/v.h264", a = std::string(dir) + "/a.aac";
+  const TempDir dir;
+  const std::string v = dir / "v.h264", a = dir / "a.aac";
   const std::string cmd =
       "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=320x240:rate=30 -f lavfi -i sine=frequency=440 "
       "-map 0:v -t 2 -c:v libx264 -preset ultrafast -bf 0 -g 30 -pix_fmt yuv420p -f h264 " + v +
@@ -39,8 +33,6 @@ EsMedia Make() {
     m.audio = Packets(a, SplitAdts, 1024000000, m.sample_rate);
   }
   if (m.video.empty() || m.audio.empty()) m.error = "ffmpeg could not make the streams: " + cmd;
-  std::error_code ignored;
-  std::filesystem::remove_all(dir, ignored);
   return m;
 }
 

@@ -9,14 +9,16 @@
 namespace zeva::test {
 namespace {
 
-std::string Run(const std::string& cmd) {
+// What `cmd` prints on standard output; its exit status to `*status`.
+std::string Run(const std::string& cmd, int* status = nullptr) {
   std::string out;
   FILE* p = popen(cmd.c_str(), "r");
   if (p == nullptr) return out;
   char buf[65536];
   size_t n;
   while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-  pclose(p);
+  const int st = pclose(p);
+  if (status != nullptr) *status = st;
   return out;
 }
 
@@ -47,7 +49,6 @@ ProbeResult Probe(const std::string& path) {
   if (j.is_discarded() || !j.is_object()) return r;
   r.ok = true;
   if (j.contains("format")) {
-    r.format_name = j["format"].value("format_name", "");
     r.duration = std::atof(j["format"].value("duration", "0").c_str());
     if (j["format"].contains("tags"))
       for (const auto& [k, v] : j["format"]["tags"].items())
@@ -81,14 +82,9 @@ ProbeResult Probe(const std::string& path) {
 }
 
 std::string DecodeErrors(const std::string& path) {
-  const std::string cmd = "ffmpeg -nostdin -v error -i '" + path + "' -f null - 2>&1";
-  std::string out;
-  if (FILE* p = popen(cmd.c_str(), "r")) {
-    char buf[512];
-    while (std::fgets(buf, sizeof buf, p) != nullptr) out += buf;
-    if (pclose(p) != 0 && out.empty()) out = "ffmpeg failed";
-  }
-  return out;
+  int status = 0;
+  const std::string out = Run("ffmpeg -nostdin -v error -i '" + path + "' -f null - 2>&1", &status);
+  return status != 0 && out.empty() ? "ffmpeg failed" : out;
 }
 
 std::vector<ProbedPacket> PacketsOf(const ProbeResult& r, int index) {

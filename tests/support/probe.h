@@ -31,7 +31,6 @@ struct ProbedStream {
 struct ProbeResult {
   bool ok = false;           // ffprobe ran and printed JSON
   std::string errors;        // what ffprobe said on standard error
-  std::string format_name;   // "mov,mp4,m4a,3gp,3g2,mj2", "flv", "mpegts"
   double duration = 0;       // seconds
   std::map<std::string, std::string> tags;  // container metadata
   std::vector<ProbedStream> streams;

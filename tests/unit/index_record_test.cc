@@ -10,7 +10,6 @@
 
 namespace {
 
-using zeva::IndexPacket;
 using zeva::IndexRecord;
 
 // Records and packets as "{stream,position,size,pts,dts,duration,key}", so
@@ -20,7 +19,7 @@ std::string Text(const IndexRecord& r) {
          "," + std::to_string(r.pts_delta) + "," + std::to_string(r.dts_delta) + "," +
          std::to_string(r.duration) + "," + std::to_string(r.key) + "}";
 }
-std::string Text(const IndexPacket& p) {
+std::string Text(const zeva::IndexPacket& p) {
   return Text(IndexRecord{p.stream, p.position, p.size, p.pts, p.dts, p.duration, p.key});
 }
 
@@ -101,17 +100,14 @@ INSTANTIATE_TEST_SUITE_P(
         ReadCase{"SparseCutInsideRecord", 2, ",,812,512,,512,;1,,37", {kVideo}},
         ReadCase{"SparseMissingSemicolon", 2, ",,812,512,,512,0\n", {}},
         ReadCase{"SparseBlanksSignsAndJunk", 2, " 1,+48, 9x,-5,\t7,,1junk;", {"{1,48,9,-5,7,0,1}"}},
-        ReadCase{"SparseFieldWithoutDigits", 2, "abc,def,5,,,,;", {"{0,0,5,0,0,0,0}"}},
         ReadCase{"SparseHugeNumbersClamp", 2,
                  "99999999999,99999999999999999999999,-99999999999,-9223372036854775808,-9223372036854775809,,1;",
                  {"{2147483647,9223372036854775807,-2147483648,-9223372036854775808,-9223372036854775808,0,1}"}},
         ReadCase{"SparseBinaryBytes", 2, "\x01\xff,\x80,3,,,,1;\x7f", {"{0,0,3,0,0,0,1}"}},
-        ReadCase{"SparseLoneSeparators", 2, ";;;,,,", {}},
         ReadCase{"FullRecords", 1, "0,48,5123,0,-1024,512,1;1,0,371,1024,1024,1024,1;\r\n",
                  {"{0,48,5123,0,-1024,512,1}", "{1,0,371,1024,1024,1024,1}"}},
         ReadCase{"FullRejectsEmptyField", 1, ",,812,512,,512,;", {}},
         ReadCase{"FullCutInsideRecord", 1, "0,48,5123,0,0,512,1;1,0,37", {"{0,48,5123,0,0,512,1}"}},
-        ReadCase{"FullJunkInField", 1, "0,48x,5123,0,0,512,1;", {}},
         ReadCase{"UnknownVersion", 3, ",,812,512,,512,;", {}}),
     [](const testing::TestParamInfo<ReadCase>& info) { return info.param.name; });
 
